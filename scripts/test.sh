@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Builds the library, tests, tools and benchmarks for x86_64 and i686, then runs every
+# test under Wine (x86_64) with a private audio server whose output is recorded.
+# Usage: scripts/test.sh [ctest arguments...]
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+CACHE=${KL_CACHE:-/var/cache/klcomponents}
+BUILD=${KL_BUILD:-$ROOT/build}
+JOBS=${KL_JOBS:-2}
+log() { printf '[test] %s\n' "$*"; }
+
+for f in "$CACHE/ffmpeg/ffmpeg.exe" "$CACHE/soundtouch-x86_64/SoundTouch.dll" "$CACHE/gtest-x86_64"; do
+  [ -e "$f" ] || { echo "missing $f: run scripts/setup.sh first" >&2; exit 1; }
+done
+
+build() {
+  local arch=$1 dir="$BUILD/$1"
+  log "building $arch"
+  if [ ! -f "$dir/build.ninja" ]; then
+    cmake -S "$ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-$arch-w64-mingw32.cmake" -DKL_CACHE="$CACHE" >/dev/null
+  fi
+  cmake --build "$dir" -j "$JOBS"
+  # Layout the library expects at run time: bin\ with the executables and
+  # SoundTouch.dll, common\ffmpeg.exe beside it.
+  mkdir -p "$dir/common" "$dir/bin"
+  ln -sf "$CACHE/ffmpeg/ffmpeg.exe" "$dir/common/ffmpeg.exe"
+  cp -f "$CACHE/soundtouch-$arch/SoundTouch.dll" "$dir/bin/SoundTouch.dll"
+}
+
+build x86_64
+[ "${KL_SKIP_I686:-0}" = 1 ] || build i686
+
+# --- run time for the tests -------------------------------------------------------------
+RUN="$BUILD/run"
+mkdir -p "$RUN"
+PIDS=()
+cleanup() {
+  for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${PIDS[@]}"; do wait "$pid" 2>/dev/null || true; done
+  if [ -n "${WINEPREFIX:-}" ]; then wineserver -k 2>/dev/null || true; fi
+}
+trap cleanup EXIT
+
+export WINEDEBUG=-all
+export WINEPREFIX="$BUILD/wineprefix"
+export WINEDLLOVERRIDES="mscoree,mshtml="
+if [ ! -f "$WINEPREFIX/.kl-ready" ]; then
+  log "creating the Wine prefix"
+  rm -rf "$WINEPREFIX"
+  wineboot -i >/dev/null 2>&1 || true
+  # Without an X display Wine still makes top-level windows with the null driver.
+  wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1
+  wine reg add 'HKCU\Software\Wine\Drivers' /v Audio /d pulse /f >/dev/null 2>&1
+  wineserver -w
+  touch "$WINEPREFIX/.kl-ready"
+fi
+
+# A private PulseAudio server with a null sink; its monitor is recorded for the whole
+# run so that tests can compare what was played.
+export PULSE_RUNTIME_PATH="$RUN/pulse"
+export PULSE_STATE_PATH="$RUN/pulse"
+export PULSE_SERVER="unix:$RUN/pulse/native"
+export PULSE_SINK=klsink
+mkdir -p "$PULSE_RUNTIME_PATH"
+rm -f "$PULSE_RUNTIME_PATH/native"
+pulseaudio --daemonize=no --exit-idle-time=-1 --disallow-exit --use-pid-file=no --system=false \
+  -n --load="module-native-protocol-unix socket=$RUN/pulse/native auth-anonymous=1" \
+  --load="module-null-sink sink_name=klsink rate=44100 channels=2" \
+  --load="module-always-sink" >"$RUN/pulse.log" 2>&1 &
+PIDS+=($!)
+for _ in $(seq 100); do [ -S "$RUN/pulse/native" ] && break; sleep 0.05; done
+pactl set-default-sink klsink >/dev/null 2>&1 || true
+CAPTURE="$RUN/capture.raw"
+: >"$CAPTURE"
+parec -d klsink.monitor --format=s16le --rate=44100 --channels=2 --latency-msec=20 >"$CAPTURE" 2>"$RUN/parec.log" &
+PIDS+=($!)
+export KL_CAPTURE_FILE="Z:${CAPTURE//\//\\}"
+
+wineserver -p
+# Wine's own services start with the first program and live as long as the server.
+# Start them here, away from ctest's output pipes, or ctest waits for them to close.
+wine cmd /c exit >/dev/null 2>&1 </dev/null || true
+sleep 2.5  # the null sink's first second is irregular; the recorder needs it behind it
+
+log "running tests"
+cd "$BUILD/x86_64"
+ctest --output-on-failure "$@"

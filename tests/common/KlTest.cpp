@@ -1,0 +1,254 @@
+#include "KlTest.h"
+
+#include <shellapi.h>
+
+#include <cstring>
+#include <thread>
+
+#include "rtl/SysUtils.h"
+
+namespace kltest {
+
+std::map<std::string, TChildRole>& ChildRoles() {
+  static std::map<std::string, TChildRole> roles;
+  return roles;
+}
+
+std::string SelfExe() { return kl::ExeFileName(); }
+
+std::string ExeDir() { return kl::ExtractFilePath(SelfExe()); }
+
+std::string FfmpegExe() { return ExeDir() + "..\\common\\ffmpeg.exe"; }
+
+std::string Quote(const std::string& S) {
+  if (!S.empty() && S.find_first_of(" \t\"") == std::string::npos) return S;
+  std::string r = "\"";
+  for (char c : S) {
+    if (c == '"') r += '\\';
+    r += c;
+  }
+  return r + "\"";
+}
+
+namespace {
+
+struct THandle {
+  HANDLE H = nullptr;
+  THandle() = default;
+  THandle(const THandle&) = delete;
+  THandle& operator=(const THandle&) = delete;
+  ~THandle() { Close(); }
+  void Close() {
+    if (H != nullptr && H != INVALID_HANDLE_VALUE) CloseHandle(H);
+    H = nullptr;
+  }
+};
+
+void Drain(HANDLE Pipe, std::string& Out) {
+  char buf[65536];
+  DWORD n = 0;
+  while (ReadFile(Pipe, buf, sizeof buf, &n, nullptr) && n > 0) Out.append(buf, n);
+}
+
+std::string ChildCommandLine(const std::string& Role, const std::vector<std::string>& Args) {
+  std::string cmd = Quote(SelfExe()) + " --kl-child " + Role;
+  for (const auto& a : Args) cmd += " " + Quote(a);
+  return cmd;
+}
+
+}  // namespace
+
+TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs, const std::string& Input) {
+  TRunResult r;
+  SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
+  THandle outR, outW, errR, errW, inR, inW;
+  if (!CreatePipe(&outR.H, &outW.H, &sa, 1 << 16) || !CreatePipe(&errR.H, &errW.H, &sa, 1 << 16) ||
+      !CreatePipe(&inR.H, &inW.H, &sa, 1 << 16)) {
+    return r;
+  }
+  SetHandleInformation(outR.H, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(errR.H, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(inW.H, HANDLE_FLAG_INHERIT, 0);
+  STARTUPINFOA si{};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
+  si.wShowWindow = SW_HIDE;
+  si.hStdInput = inR.H;
+  si.hStdOutput = outW.H;
+  si.hStdError = errW.H;
+  PROCESS_INFORMATION pi{};
+  std::string cmd = CommandLine;
+  if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &si, &pi)) {
+    return r;
+  }
+  r.Started = true;
+  outW.Close();
+  errW.Close();
+  inR.Close();
+  std::thread outThread([&] { Drain(outR.H, r.Out); });
+  std::thread errThread([&] { Drain(errR.H, r.Err); });
+  if (!Input.empty()) {
+    DWORD n = 0;
+    WriteFile(inW.H, Input.data(), static_cast<DWORD>(Input.size()), &n, nullptr);
+  }
+  inW.Close();
+  if (WaitForSingleObject(pi.hProcess, TimeoutMs) != WAIT_OBJECT_0) {
+    r.TimedOut = true;
+    TerminateProcess(pi.hProcess, 259);
+    WaitForSingleObject(pi.hProcess, 5000);
+  }
+  GetExitCodeProcess(pi.hProcess, &r.ExitCode);
+  outThread.join();
+  errThread.join();
+  CloseHandle(pi.hThread);
+  CloseHandle(pi.hProcess);
+  return r;
+}
+
+TRunResult RunChild(const std::string& Role, const std::vector<std::string>& Args, DWORD TimeoutMs) {
+  return Run(ChildCommandLine(Role, Args), TimeoutMs);
+}
+
+TProcess::~TProcess() {
+  Kill();
+  if (Info.hThread != nullptr) CloseHandle(Info.hThread);
+  if (Info.hProcess != nullptr) CloseHandle(Info.hProcess);
+}
+
+bool TProcess::Wait(DWORD TimeoutMs) {
+  return Info.hProcess != nullptr && WaitForSingleObject(Info.hProcess, TimeoutMs) == WAIT_OBJECT_0;
+}
+
+void TProcess::Kill() {
+  if (Info.hProcess != nullptr && WaitForSingleObject(Info.hProcess, 0) == WAIT_TIMEOUT) {
+    TerminateProcess(Info.hProcess, 1);
+    WaitForSingleObject(Info.hProcess, 5000);
+  }
+}
+
+bool StartChild(TProcess& Process, const std::string& Role, const std::vector<std::string>& Args) {
+  std::string cmd = ChildCommandLine(Role, Args);
+  STARTUPINFOA si{};
+  si.cb = sizeof si;
+  return CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &si,
+                        &Process.Info) != 0;
+}
+
+TRunResult Ffmpeg(const std::string& Args, DWORD TimeoutMs) {
+  return Run(Quote(FfmpegExe()) + " -hide_banner -nostdin -y " + Args, TimeoutMs);
+}
+
+// --- files ------------------------------------------------------------------------
+
+TTempDir::TTempDir() {
+  static LONG counter = 0;
+  for (;;) {
+    FPath = kl::GetTempDir() + kl::Format("kltest_%lu_%ld\\", GetCurrentProcessId(), InterlockedIncrement(&counter));
+    if (CreateDirectoryA(FPath.c_str(), nullptr)) break;
+  }
+}
+
+TTempDir::~TTempDir() { DeleteTree(FPath); }
+
+void DeleteTree(const std::string& Dir) {
+  const std::string base = kl::IncludeTrailingPathDelimiter(Dir);
+  WIN32_FIND_DATAA fd;
+  HANDLE h = FindFirstFileA((base + "*").c_str(), &fd);
+  if (h != INVALID_HANDLE_VALUE) {
+    do {
+      const std::string name = fd.cFileName;
+      if (name == "." || name == "..") continue;
+      if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+        DeleteTree(base + name);
+      } else {
+        SetFileAttributesA((base + name).c_str(), FILE_ATTRIBUTE_NORMAL);
+        DeleteFileA((base + name).c_str());
+      }
+    } while (FindNextFileA(h, &fd));
+    FindClose(h);
+  }
+  RemoveDirectoryA(base.c_str());
+}
+
+std::string ReadFileBytes(const std::string& FileName) {
+  std::string r;
+  HANDLE h = CreateFileA(FileName.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         nullptr, OPEN_EXISTING, 0, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return r;
+  char buf[65536];
+  DWORD n = 0;
+  while (ReadFile(h, buf, sizeof buf, &n, nullptr) && n > 0) r.append(buf, n);
+  CloseHandle(h);
+  return r;
+}
+
+bool WriteFileBytes(const std::string& FileName, const void* Data, size_t Size) {
+  HANDLE h = CreateFileA(FileName.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  DWORD n = 0;
+  const bool ok = Size == 0 || (WriteFile(h, Data, static_cast<DWORD>(Size), &n, nullptr) && n == Size);
+  CloseHandle(h);
+  return ok;
+}
+
+bool WriteFileBytes(const std::string& FileName, const std::string& Bytes) {
+  return WriteFileBytes(FileName, Bytes.data(), Bytes.size());
+}
+
+namespace {
+void Put32(std::string& S, uint32_t V) { S.append(reinterpret_cast<const char*>(&V), 4); }
+void Put16(std::string& S, uint16_t V) { S.append(reinterpret_cast<const char*>(&V), 2); }
+}  // namespace
+
+std::string MakeWav(uint16_t Channels, uint32_t Rate, uint16_t Bits, const std::string& Data) {
+  const uint16_t align = static_cast<uint16_t>((Bits + 7) / 8 * Channels);
+  std::string fmt;
+  Put16(fmt, 1);
+  Put16(fmt, Channels);
+  Put32(fmt, Rate);
+  Put32(fmt, Rate * align);
+  Put16(fmt, align);
+  Put16(fmt, Bits);
+  std::string body = "WAVEfmt ";
+  Put32(body, static_cast<uint32_t>(fmt.size()));
+  body += fmt + "data";
+  Put32(body, static_cast<uint32_t>(Data.size()));
+  body += Data;
+  if (Data.size() % 2) body += '\0';
+  std::string r = "RIFF";
+  Put32(r, static_cast<uint32_t>(body.size()));
+  return r + body;
+}
+
+// --- capture ----------------------------------------------------------------------
+
+namespace {
+std::string CaptureFile() {
+  char buf[MAX_PATH] = {};
+  const DWORD n = GetEnvironmentVariableA("KL_CAPTURE_FILE", buf, sizeof buf);
+  return n > 0 && n < sizeof buf ? std::string(buf, n) : std::string();
+}
+
+int64_t FileLength(const std::string& Name) {
+  WIN32_FILE_ATTRIBUTE_DATA a;
+  if (!GetFileAttributesExA(Name.c_str(), GetFileExInfoStandard, &a)) return -1;
+  return (static_cast<int64_t>(a.nFileSizeHigh) << 32) | a.nFileSizeLow;
+}
+}  // namespace
+
+bool TCapture::Available() { return !CaptureFile().empty() && FileLength(CaptureFile()) >= 0; }
+
+int64_t TCapture::Mark() {
+  const int64_t n = FileLength(CaptureFile());
+  return n < 0 ? 0 : n - n % 4;
+}
+
+std::string TCapture::Since(int64_t Mark, DWORD WaitMs) {
+  Sleep(WaitMs);
+  const std::string all = ReadFileBytes(CaptureFile());
+  if (static_cast<int64_t>(all.size()) <= Mark) return std::string();
+  std::string r = all.substr(static_cast<size_t>(Mark));
+  return r.substr(0, r.size() - r.size() % 4);
+}
+
+}  // namespace kltest
