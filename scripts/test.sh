@@ -2,6 +2,7 @@
 # Builds the library, tests, tools and benchmarks for x86_64 and i686, then runs every
 # test under Wine (x86_64) with a private audio server whose output is recorded.
 # Usage: scripts/test.sh [ctest arguments...]
+#        scripts/test.sh --run COMMAND...   runs COMMAND in the test environment instead
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -43,19 +44,32 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# A private X screen for the desktop process and for tests that show windows.
+for n in $(seq 90 140); do
+  [ -e "/tmp/.X$n-lock" ] || [ -e "/tmp/.X11-unix/X$n" ] || { DISPLAY_NUM=$n; break; }
+done
+Xvfb ":$DISPLAY_NUM" -screen 0 1024x768x24 -nolisten tcp >"$RUN/xvfb.log" 2>&1 &
+PIDS+=($!)
+export DISPLAY=":$DISPLAY_NUM"
+for _ in $(seq 100); do [ -e "/tmp/.X11-unix/X$DISPLAY_NUM" ] && break; sleep 0.05; done
+
 export WINEDEBUG=-all
 export WINEPREFIX="$BUILD/wineprefix"
-export WINEDLLOVERRIDES="mscoree,mshtml="
-if [ ! -f "$WINEPREFIX/.kl-ready" ]; then
+# No crash debugger: a crashing test must end, not wait for one.
+export WINEDLLOVERRIDES="mscoree,mshtml=;winedbg.exe=d"
+if [ ! -f "$WINEPREFIX/.kl-ready-2" ]; then
   log "creating the Wine prefix"
   rm -rf "$WINEPREFIX"
   wineboot -i >/dev/null 2>&1 || true
-  # Without an X display Wine still makes top-level windows with the null driver.
-  wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1
+  # The X11 driver on a private Xvfb screen. With the null driver Wine's desktop
+  # process fails half-way and is started again by every program that needs a
+  # window, each time inheriting that program's pipes and holding them open.
+  wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d x11 /f >/dev/null 2>&1
   wine reg add 'HKCU\Software\Wine\Drivers' /v Audio /d pulse /f >/dev/null 2>&1
   wineserver -w
-  touch "$WINEPREFIX/.kl-ready"
+  touch "$WINEPREFIX/.kl-ready-2"
 fi
+
 
 # A private PulseAudio server with a null sink; its monitor is recorded for the whole
 # run so that tests can compare what was played.
@@ -78,12 +92,21 @@ parec -d klsink.monitor --format=s16le --rate=44100 --channels=2 --latency-msec=
 PIDS+=($!)
 export KL_CAPTURE_FILE="Z:${CAPTURE//\//\\}"
 
-wineserver -p
+wineserver -p 2>/dev/null || true  # a server already running for this prefix is kept
 # Wine's own services start with the first program and live as long as the server.
 # Start them here, away from ctest's output pipes, or ctest waits for them to close.
 wine cmd /c exit >/dev/null 2>&1 </dev/null || true
+# The same for the desktop process, which the first program with a window starts: started
+# from inside a test, it would inherit that test's pipes and keep them open for ever.
+first_test=$(ls "$BUILD"/x86_64/bin/klTests_*.exe | head -n 1)
+wine "$first_test" --kl-desktop >/dev/null 2>&1 </dev/null || true
 sleep 2.5  # the null sink's first second is irregular; the recorder needs it behind it
 
-log "running tests"
 cd "$BUILD/x86_64"
+if [ "${1:-}" = "--run" ]; then
+  shift
+  "$@"
+  exit $?
+fi
+log "running tests"
 ctest --output-on-failure "$@"

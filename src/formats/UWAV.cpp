@@ -308,9 +308,10 @@ void TWAVFile::Save() {
 bool TWAVFile::ConvertToPCM(const std::string& FileName) {
   return Checkpoint("UWAV.@007-500@: ", [&]() -> bool {
     if (FileName.empty() || Format() == nullptr) return false;
-    WAVEFORMATEX src;
-    std::memcpy(&src, Format(), sizeof src);
-    src.cbSize = 0;
+    // The whole source format, extra bytes included: the ADPCM and GSM drivers refuse
+    // a format cut to 18 bytes (they need wSamplesPerBlock and the like).
+    std::vector<uint8_t> srcBlock(FFormat);
+    WAVEFORMATEX& src = *reinterpret_cast<WAVEFORMATEX*>(srcBlock.data());
     WAVEFORMATEX dst{};
     dst.wFormatTag = WAVE_FORMAT_PCM;
     if (acmFormatSuggest(nullptr, &src, &dst, sizeof dst, ACM_FORMATSUGGESTF_WFORMATTAG) != 0) return false;
@@ -323,7 +324,12 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
         src.nBlockAlign == 0) {
       return false;
     }
-    const int64_t d64 = Round(static_cast<double>(s) * dst.nBlockAlign / src.nBlockAlign);
+    // The read size is what 4410 source bytes decode to; the destination must take
+    // what a whole read decodes to, which the block-align ratio alone underestimates
+    // for block codecs (ADPCM blocks of 1024 bytes, GSM's 65).
+    DWORD whole = 0;
+    if (acmStreamSize(stream.Handle, s, &whole, ACM_STREAMSIZEF_SOURCE) != 0) whole = 0;
+    const int64_t d64 = std::max<int64_t>(whole, Round(static_cast<double>(s) * dst.nBlockAlign / src.nBlockAlign));
     if (d64 <= 0 || d64 > std::numeric_limits<int32_t>::max()) return false;
     const DWORD d = static_cast<DWORD>(d64);
     std::vector<uint8_t> srcBuf(s), dstBuf(d, 0);
@@ -350,7 +356,8 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
           break;
         }
         out.AddData(dstBuf.data(), static_cast<int32_t>(header.cbDstLengthUsed));
-        p += n;
+        // Block codecs leave a partial block behind: start the next read with it.
+        p += header.cbSrcLengthUsed > 0 ? static_cast<int32_t>(header.cbSrcLengthUsed) : n;
         if (!full) break;
       }
       if (ok) out.Save();

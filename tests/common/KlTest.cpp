@@ -44,10 +44,16 @@ struct THandle {
   }
 };
 
-void Drain(HANDLE Pipe, std::string& Out) {
-  char buf[65536];
+// Takes what the pipe holds now; false when it held nothing.
+bool TakeAvailable(HANDLE Pipe, std::string& Out) {
+  DWORD avail = 0;
+  if (!PeekNamedPipe(Pipe, nullptr, 0, nullptr, &avail, nullptr) || avail == 0) return false;
+  const size_t at = Out.size();
+  Out.resize(at + avail);
   DWORD n = 0;
-  while (ReadFile(Pipe, buf, sizeof buf, &n, nullptr) && n > 0) Out.append(buf, n);
+  if (!ReadFile(Pipe, Out.data() + at, avail, &n, nullptr)) n = 0;
+  Out.resize(at + n);
+  return n > 0;
 }
 
 std::string ChildCommandLine(const std::string& Role, const std::vector<std::string>& Args) {
@@ -85,21 +91,30 @@ TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs, const std::strin
   outW.Close();
   errW.Close();
   inR.Close();
-  std::thread outThread([&] { Drain(outR.H, r.Out); });
-  std::thread errThread([&] { Drain(errR.H, r.Err); });
-  if (!Input.empty()) {
+  std::thread inThread([&] {
     DWORD n = 0;
-    WriteFile(inW.H, Input.data(), static_cast<DWORD>(Input.size()), &n, nullptr);
-  }
-  inW.Close();
-  if (WaitForSingleObject(pi.hProcess, TimeoutMs) != WAIT_OBJECT_0) {
-    r.TimedOut = true;
-    TerminateProcess(pi.hProcess, 259);
-    WaitForSingleObject(pi.hProcess, 5000);
+    if (!Input.empty()) WriteFile(inW.H, Input.data(), static_cast<DWORD>(Input.size()), &n, nullptr);
+    inW.Close();
+  });
+  // Polled rather than read to the end: under Wine a helper process the child starts
+  // (the desktop) may inherit the pipes and keep them open after the child is gone.
+  const ULONGLONG deadline = GetTickCount64() + TimeoutMs;
+  for (;;) {
+    const bool got = TakeAvailable(outR.H, r.Out) | TakeAvailable(errR.H, r.Err);
+    if (WaitForSingleObject(pi.hProcess, got ? 0 : 2) == WAIT_OBJECT_0) {
+      while (TakeAvailable(outR.H, r.Out) | TakeAvailable(errR.H, r.Err)) {
+      }
+      break;
+    }
+    if (GetTickCount64() > deadline) {
+      r.TimedOut = true;
+      TerminateProcess(pi.hProcess, 259);
+      WaitForSingleObject(pi.hProcess, 5000);
+      break;
+    }
   }
   GetExitCodeProcess(pi.hProcess, &r.ExitCode);
-  outThread.join();
-  errThread.join();
+  inThread.join();  // the pipe broke with the child, if it had not read everything
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
   return r;
@@ -245,9 +260,18 @@ int64_t TCapture::Mark() {
 
 std::string TCapture::Since(int64_t Mark, DWORD WaitMs) {
   Sleep(WaitMs);
-  const std::string all = ReadFileBytes(CaptureFile());
-  if (static_cast<int64_t>(all.size()) <= Mark) return std::string();
-  std::string r = all.substr(static_cast<size_t>(Mark));
+  std::string r;
+  HANDLE h = CreateFileA(CaptureFile().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                         OPEN_EXISTING, 0, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return r;
+  LARGE_INTEGER at;
+  at.QuadPart = Mark;
+  if (SetFilePointerEx(h, at, nullptr, FILE_BEGIN)) {
+    char buf[65536];
+    DWORD n = 0;
+    while (ReadFile(h, buf, sizeof buf, &n, nullptr) && n > 0) r.append(buf, n);
+  }
+  CloseHandle(h);
   return r.substr(0, r.size() - r.size() % 4);
 }
 

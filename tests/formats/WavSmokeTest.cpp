@@ -1,3 +1,0 @@
-#include <gtest/gtest.h>
-#include "Components.h"
-TEST(Smoke, Builds) { EXPECT_EQ(kl::UWAV::GetWaveFormatSize(nullptr), 0u); }
