@@ -39,13 +39,22 @@ TBlockQueue::TBlockQueue(int32_t BlockSize) : FBlockSize(BlockSize > 0 ? BlockSi
 void TBlockQueue::Append() {
   // Not value-initialised: every byte is written before it is read.
   std::unique_ptr<uint8_t[]> block(new uint8_t[static_cast<size_t>(FBlockSize)]);
-  // The tail of the ring sits just before its head.
-  if (FHead == 0) {
-    FBlocks.push_back(std::move(block));
-  } else {
-    FBlocks.insert(FBlocks.begin() + static_cast<std::ptrdiff_t>(FHead), std::move(block));
-    ++FHead;
+  if (FCount == FBlocks.size()) {
+    // Full ring: lay the blocks out again in queue order in twice the slots.
+    std::vector<std::unique_ptr<uint8_t[]>> slots(std::max<size_t>(1, FBlocks.size() * 2));
+    for (size_t i = 0; i < FCount; ++i) slots[i] = std::move(FBlocks[Slot(i)]);
+    FBlocks.swap(slots);
+    FHead = 0;
   }
+  FBlocks[Slot(FCount)] = std::move(block);
+  ++FCount;
+}
+
+void TBlockQueue::UsedUpFirst() {
+  // Block 0 goes behind the last block.
+  const size_t tail = Slot(FCount);
+  if (tail != FHead) FBlocks[tail] = std::move(FBlocks[FHead]);
+  FHead = (FHead + 1) % FBlocks.size();
 }
 
 bool TBlockQueue::Write(const void* Buffer, int32_t Count) {
@@ -55,8 +64,7 @@ bool TBlockQueue::Write(const void* Buffer, int32_t Count) {
   size_t i = static_cast<size_t>(w / FBlockSize);
   // Deliberately one block more when the data ends exactly on a block boundary.
   const size_t needed = static_cast<size_t>((w + Count) / FBlockSize + 1);
-  if (FBlocks.size() < needed) FBlocks.reserve(needed);
-  while (FBlocks.size() < needed) Append();
+  while (FCount < needed) Append();
   const uint8_t* src = static_cast<const uint8_t*>(Buffer);
   int32_t left = Count;
   while (left > 0) {
@@ -82,7 +90,7 @@ int32_t TBlockQueue::Read(void* Buffer, int32_t Count) {
 }
 
 const uint8_t* TBlockQueue::Block(int32_t Index) const {
-  if (Index < 0 || static_cast<size_t>(Index) >= FBlocks.size()) return nullptr;
+  if (Index < 0 || static_cast<size_t>(Index) >= FCount) return nullptr;
   return At(static_cast<size_t>(Index));
 }
 

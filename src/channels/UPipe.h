@@ -20,8 +20,9 @@ namespace kl::UPipe {
 // The storage behind every pipe of the library, without a lock and without logging:
 // the unread bytes start at FReadPos of block 0 and run on through blocks 1, 2, ...
 // Block 0 is the oldest; a used-up block 0 moves to the tail, so a steady producer and
-// consumer cycle through the same memory. The list is kept as a ring (FHead is the
-// physical index of block 0) so that recycling costs no copying of the list.
+// consumer cycle through the same memory. The list is a ring of slots (FHead is the
+// slot of block 0, FCount blocks follow it) that doubles when full, so that both
+// recycling and growth cost O(1) and a warm queue allocates nothing.
 class TBlockQueue {
  public:
   // Makes the queue with one block. A non-positive size is taken as 4096.
@@ -50,17 +51,19 @@ class TBlockQueue {
   int32_t DataSize() const { return FDataSize; }
   int32_t ReadPos() const { return FReadPos; }
   int32_t BlockSize() const { return FBlockSize; }
-  int32_t BlockCount() const { return static_cast<int32_t>(FBlocks.size()); }
+  int32_t BlockCount() const { return static_cast<int32_t>(FCount); }
   // Block Index in queue order (0 is the one read from); null when out of range.
   const uint8_t* Block(int32_t Index) const;
 
  private:
-  uint8_t* At(size_t Index) const { return FBlocks[(FHead + Index) % FBlocks.size()].get(); }
-  void UsedUpFirst() { FHead = (FHead + 1) % FBlocks.size(); }
+  size_t Slot(size_t Index) const { return (FHead + Index) % FBlocks.size(); }
+  uint8_t* At(size_t Index) const { return FBlocks[Slot(Index)].get(); }
+  void UsedUpFirst();
   void Append();
 
-  std::vector<std::unique_ptr<uint8_t[]>> FBlocks;
+  std::vector<std::unique_ptr<uint8_t[]>> FBlocks;  // slots; empty ones are null
   size_t FHead = 0;
+  size_t FCount = 0;
   int32_t FReadPos = 0;
   int32_t FDataSize = 0;
   int32_t FBlockSize;
@@ -68,7 +71,7 @@ class TBlockQueue {
 
 template <class TSink>
 int32_t TBlockQueue::Drain(int32_t Count, TSink&& Sink) {
-  if (Count < 1 || FBlocks.empty()) return 0;
+  if (Count < 1 || FCount == 0) return 0;
   int32_t n = Count < FDataSize ? Count : FDataSize;
   int32_t total = 0;
   while (n > 0) {
