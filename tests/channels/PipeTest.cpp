@@ -2,8 +2,6 @@
 // files (also while another process holds the file) and pipes, and the stream facade.
 #include <gtest/gtest.h>
 
-#include <deque>
-
 #include "ChannelsTestUtil.h"
 #include "KlTest.h"
 #include "channels/UPipe.h"
@@ -48,7 +46,8 @@ TEST(Pipe, BlocksGrowWithTheSpareBlockAndAreRecycled) {
   EXPECT_EQ(p->GetBlock(1), first);
   for (int i = 0; i < 100; ++i) {  // a steady flow allocates nothing more
     Put(p.Get(), 4196 + 1000 * i, 1000);
-    EXPECT_EQ(p->Read(buf, 1100), i == 0 ? 1100 : 1000);
+    ASSERT_EQ(p->Read(buf, 1100), i == 0 ? 1100 : 1000);
+    EXPECT_TRUE(chtest::Matches(buf, i == 0 ? 4096 : 4196 + 1000 * i, i == 0 ? 1100 : 1000));
   }
   EXPECT_EQ(p->GetBlockCount(), 2);
 
@@ -82,37 +81,6 @@ TEST(Pipe, ReadsWhatIsThereSkipsAndRefusesBadInput) {
   EXPECT_EQ(p->GetSizeToRead(), 0);
   void* other = nullptr;
   EXPECT_EQ(p->QueryInterface(IID_IStream, &other), E_NOINTERFACE);
-  EXPECT_EQ(p->QueryInterface(__uuidof(IPipe), &other), S_OK);
-  static_cast<IPipe*>(other)->Release();
-}
-
-// Random writes, reads, skips and clears on tiny blocks, so that the ring of blocks
-// wraps and grows many times, checked against a model queue.
-TEST(Pipe, MatchesAModelQueue) {
-  for (int32_t blockSize : {1, 7, 4096}) {
-    ComPtr<IPipe> p(new TPipe(blockSize));
-    std::deque<char> model;
-    chtest::TRandom rnd{static_cast<uint64_t>(blockSize)};
-    uint64_t written = 0;
-    for (int step = 0; step < 4000; ++step) {
-      const int32_t op = rnd.Range(0, 99), n = rnd.Range(1, blockSize * 5 + 3);
-      std::string buf = Pattern(written, static_cast<size_t>(n));
-      if (op < 50) {
-        ASSERT_TRUE(p->Write(buf.data(), n));
-        model.insert(model.end(), buf.begin(), buf.end());
-        written += static_cast<uint64_t>(n);
-      } else if (op < 98) {
-        const int32_t got = p->Read(op < 85 ? buf.data() : nullptr, n);
-        ASSERT_EQ(got, std::min<int32_t>(n, static_cast<int32_t>(model.size())));
-        ASSERT_TRUE(op >= 85 || std::equal(buf.begin(), buf.begin() + got, model.begin())) << step;
-        model.erase(model.begin(), model.begin() + got);
-      } else {
-        p->Clear();
-        model.clear();
-      }
-      ASSERT_EQ(p->GetSizeToRead(), static_cast<int32_t>(model.size()));
-    }
-  }
 }
 
 TEST(PipeTransfer, StreamsAndPipes) {
