@@ -1,0 +1,43 @@
+// Channel test helpers: a position-dependent byte pattern whose period (a prime) never
+// lines up with block sizes, so a lost, doubled or misplaced byte shows at once.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "diagnostics/klLog.h"
+
+namespace chtest {
+
+inline uint8_t PatternAt(uint64_t I) { return static_cast<uint8_t>((I % 65521) * 2654435761u >> 13); }
+inline std::string Pattern(uint64_t Offset, size_t Size) {
+  std::string s(Size, '\0');
+  for (size_t i = 0; i < Size; ++i) s[i] = static_cast<char>(PatternAt(Offset + i));
+  return s;
+}
+inline bool Matches(const void* Data, uint64_t Offset, size_t Size) {
+  const auto* p = static_cast<const uint8_t*>(Data);
+  for (size_t i = 0; i < Size; ++i) {
+    if (p[i] != PatternAt(Offset + i)) return false;
+  }
+  return true;
+}
+
+// What the log gained while Body ran.
+template <class F>
+std::string LogOf(F&& Body) {
+  const size_t mark = kl::klLog::GetWholeLog().size();
+  Body();
+  const std::string all = kl::klLog::GetWholeLog();
+  return mark < all.size() ? all.substr(mark) : std::string();
+}
+
+// Deterministic sizes: 1 byte to 256 KiB, small ones as likely as large ones.
+struct TRandom {
+  uint64_t State;
+  uint32_t Next() { return static_cast<uint32_t>((State = State * 6364136223846793005ull + 1442695040888963407ull) >> 33); }
+  int32_t Range(int32_t Lo, int32_t Hi) { return Lo + static_cast<int32_t>(Next() % static_cast<uint32_t>(Hi - Lo + 1)); }
+  int32_t Piece() { return Range(1, 1 << Range(0, 18)); }
+};
+
+}  // namespace chtest
