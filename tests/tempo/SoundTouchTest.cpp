@@ -78,23 +78,15 @@ std::string Lines(std::string S) {
 }
 
 int CountSetEntries() {
-  const void* entries[] = {
-      reinterpret_cast<const void*>(SoundTouchClear), reinterpret_cast<const void*>(SoundTouchCreateInstance),
-      reinterpret_cast<const void*>(SoundTouchDestroyInstance), reinterpret_cast<const void*>(SoundTouchFlush),
-      reinterpret_cast<const void*>(SoundTouchGetSetting), reinterpret_cast<const void*>(SoundTouchGetVersionId),
-      reinterpret_cast<const void*>(SoundTouchGetVersionString), reinterpret_cast<const void*>(SoundTouchIsEmpty),
-      reinterpret_cast<const void*>(SoundTouchNumSamples),
-      reinterpret_cast<const void*>(SoundTouchNumUnprocessedSamples),
-      reinterpret_cast<const void*>(SoundTouchPutSamples), reinterpret_cast<const void*>(SoundTouchReceiveSamples),
-      reinterpret_cast<const void*>(SoundTouchSetChannels), reinterpret_cast<const void*>(SoundTouchSetPitch),
-      reinterpret_cast<const void*>(SoundTouchSetPitchOctaves),
-      reinterpret_cast<const void*>(SoundTouchSetPitchSemiTones), reinterpret_cast<const void*>(SoundTouchSetRate),
-      reinterpret_cast<const void*>(SoundTouchSetRateChange), reinterpret_cast<const void*>(SoundTouchSetSampleRate),
-      reinterpret_cast<const void*>(SoundTouchSetSetting), reinterpret_cast<const void*>(SoundTouchSetTempo),
-      reinterpret_cast<const void*>(SoundTouchSetTempoChange)};
-  int n = 0;
-  for (const void* e : entries) n += e != nullptr ? 1 : 0;
-  return n;
+  const auto set = [](auto Entry) { return Entry != nullptr ? 1 : 0; };
+  return set(SoundTouchClear) + set(SoundTouchCreateInstance) + set(SoundTouchDestroyInstance) +
+         set(SoundTouchFlush) + set(SoundTouchGetSetting) + set(SoundTouchGetVersionId) +
+         set(SoundTouchGetVersionString) + set(SoundTouchIsEmpty) + set(SoundTouchNumSamples) +
+         set(SoundTouchNumUnprocessedSamples) + set(SoundTouchPutSamples) + set(SoundTouchReceiveSamples) +
+         set(SoundTouchSetChannels) + set(SoundTouchSetPitch) + set(SoundTouchSetPitchOctaves) +
+         set(SoundTouchSetPitchSemiTones) + set(SoundTouchSetRate) + set(SoundTouchSetRateChange) +
+         set(SoundTouchSetSampleRate) + set(SoundTouchSetSetting) + set(SoundTouchSetTempo) +
+         set(SoundTouchSetTempoChange);
 }
 
 }  // namespace
@@ -243,21 +235,12 @@ TEST(SoundTouch, TempoShortensAStereoToneAndKeepsItsPitch) {
   EXPECT_EQ(st.GetNumSamples(), 0u);
 }
 
-TEST(SoundTouch, RateAndPitchChangeTheFrequency) {
-  {
-    TSoundTouch st;  // mono, 44100 Hz from the start
-    st.SetPitch(2.0f);
-    const auto out = Process(st, ToneFloat(440, 44100, 44100, 1), 1);
-    EXPECT_NEAR(static_cast<double>(out.size()), 44100, 44100 * 0.03);
-    EXPECT_NEAR(DominantFrequency(Channel(out, 1, 0, 32768), 44100, 100, 2000), 880, 4);
-  }
-  {
-    TSoundTouch st;
-    st.SetRate(1.5f);
-    const auto out = Process(st, ToneFloat(440, 44100, 44100, 1), 1);
-    EXPECT_NEAR(static_cast<double>(out.size()), 44100 / 1.5, 44100 * 0.03);
-    EXPECT_NEAR(DominantFrequency(Channel(out, 1, 0, 16384), 44100, 100, 2000), 660, 4);
-  }
+TEST(SoundTouch, PitchChangesTheFrequencyAlone) {
+  TSoundTouch st;  // mono, 44100 Hz from the start
+  st.SetPitch(2.0f);
+  const auto out = Process(st, ToneFloat(440, 44100, 44100, 1), 1);
+  EXPECT_NEAR(static_cast<double>(out.size()), 44100, 44100 * 0.03);
+  EXPECT_NEAR(DominantFrequency(Channel(out, 1, 0, 32768), 44100, 100, 2000), 880, 4);
 }
 
 TEST(SoundTouch, QueueClearAndSettings) {
