@@ -222,5 +222,18 @@ TEST(TempCorrector, DebugFileHoldsEverythingProducedAsMono44100) {
   // A corrector that produced nothing leaves an empty but valid file.
   { TTempCorrector idle; }
   EXPECT_TRUE(DebugFileValues().empty());
+
+  // Two correctors at once share one file name; both keep working.
+  {
+    TTempCorrector first, second;
+    SetRate(first, 44100);
+    SetRate(second, 44100);
+    first.Init(2.0f);
+    second.Init(2.0f);
+    auto a = Ramp(4410), b = Ramp(4410);
+    EXPECT_EQ(Correct(first, a), 4410);
+    EXPECT_EQ(Correct(second, b), 4410);
+  }
+  EXPECT_NO_THROW(DebugFileValues());
   kl::RemoveFile(DEBUG_WAV);
 }
