@@ -10,3 +10,7 @@
 #include "diagnostics/klLog.h"
 
 #include "formats/UWAV.h"
+
+#include "tempo/USoundTouchDLL.h"
+
+#include "playback/klMediaPlayer.h"

@@ -33,6 +33,10 @@ std::string Format(const char* Fmt, ...) {
   return result;
 }
 
+void Assert(bool Condition, const char* Unit, int Line) {
+  if (!Condition) throw EAssertionFailed(Format("Assertion failed (%s, line %d)", Unit, Line));
+}
+
 int64_t Round(double Value) {
   const double lower = std::floor(Value);
   const double diff = Value - lower;

@@ -52,6 +52,17 @@ class EConvertError : public Exception {
   using Exception::Exception;
 };
 
+// A broken internal assumption (a programming error in the caller, not bad data).
+class EAssertionFailed : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// Raises EAssertionFailed("Assertion failed (<Unit>, line <Line>)") when Condition is
+// false. Unit and Line name the check for the report, as the host framework's
+// assertions do; they need not be this source file's own.
+void Assert(bool Condition, const char* Unit, int Line);
+
 // printf-style formatting into a std::string (pass std::string arguments as .c_str()).
 std::string Format(const char* Fmt, ...);
 

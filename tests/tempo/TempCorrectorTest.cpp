@@ -1,0 +1,239 @@
+// The tempo corrector of the media player unit, over real buffers and its real debug file.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Components.h"
+#include "KlTest.h"
+#include "ToneHelpers.h"
+
+using kl::klMediaPlayer::TTempCorrector;
+using kltest::tempo::DominantFrequency;
+using kltest::tempo::Tone16;
+
+namespace {
+
+const char* const DEBUG_WAV = "c:\\debug.wav";
+
+void SetRate(TTempCorrector& C, uint32_t Rate, uint16_t Channels = 1) {
+  WAVEFORMATEX f{};
+  f.wFormatTag = WAVE_FORMAT_PCM;
+  f.nChannels = Channels;
+  f.nSamplesPerSec = Rate;
+  f.wBitsPerSample = 16;
+  f.nBlockAlign = static_cast<WORD>(2 * Channels);
+  f.nAvgBytesPerSec = Rate * f.nBlockAlign;
+  C.SetFormat(&f);
+}
+
+int32_t Correct(TTempCorrector& C, std::vector<int16_t>& V) {
+  const int32_t size = C.Correct(V.data(), static_cast<int32_t>(V.size() * 2));
+  V.resize(static_cast<size_t>(size) / 2);
+  return size;
+}
+
+std::vector<int16_t> Ramp(size_t Count, int First = 0) {
+  std::vector<int16_t> v(Count);
+  for (size_t i = 0; i < Count; ++i) v[i] = static_cast<int16_t>(First + static_cast<int>(i));
+  return v;
+}
+
+// The sample data of the debug file, once the corrector that wrote it is gone.
+std::vector<int16_t> DebugFileValues(WAVEFORMATEX* Format = nullptr) {
+  kl::UWAV::TWAVFile wav(DEBUG_WAV);
+  if (Format != nullptr && wav.Format() != nullptr) std::memcpy(Format, wav.Format(), sizeof(WAVEFORMAT) + 2);
+  std::vector<int16_t> v(static_cast<size_t>(wav.GetDataSize()) / 2);
+  if (!v.empty()) wav.GetData(0, static_cast<int32_t>(v.size() * 2), v.data());
+  return v;
+}
+
+}  // namespace
+
+TEST(TempCorrector, TempoTwoHalvesTwoBlocksAndCutsAtTheFirstOfEqualSplices) {
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(2.0f);
+  // A ramp differs by the same amount across every candidate cut: the most negative
+  // offset (-Span = -220) wins, so each block keeps Half - 220 = 882 head values and
+  // 2205 - 882 = 1323 tail values.
+  const auto in = Ramp(8820);
+  auto v = in;
+  EXPECT_EQ(Correct(c, v), 8820);
+  ASSERT_EQ(v.size(), 4410u);
+  EXPECT_EQ(c.GetInCount(), 8820);
+  EXPECT_EQ(c.GetOutCount(), 4410);
+  for (int b = 0; b < 2; ++b) {
+    const int16_t* out = v.data() + 2205 * b;
+    const int16_t* blk = in.data() + 4410 * b;
+    for (int i = 0; i < 882; ++i) ASSERT_EQ(out[i], blk[i]) << "block " << b << " head " << i;
+    for (int i = 0; i < 1323; ++i) ASSERT_EQ(out[882 + i], blk[4410 - 1323 + i]) << "block " << b << " tail " << i;
+  }
+}
+
+TEST(TempCorrector, SpliceGoesWhereBothSidesAreClosest) {
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(2.0f);
+  // Keep 2205: Half 1102, Rest 1103, Span 220. The left side of the cut reads
+  // value[1102 + d], the right side value[3307 + d].
+  std::vector<int16_t> v(4410, 0);
+  for (int d = -220; d <= 220; ++d) v[3307 + d] = 20000;
+  v[3307 - 150] = 5;   // a close pair ...
+  v[3307 + 100] = 5;   // ... and an equally close later one, which loses the tie
+  v[3307 + 60] = -2;   // the closest pair
+  const auto in = v;
+  EXPECT_EQ(Correct(c, v), 4410);
+  // Cut = 1102 + 60 = 1162 head values, then the tail from value[3367].
+  const int cut = 1162, tail = 2205 - cut;
+  for (int i = 0; i < cut; ++i) ASSERT_EQ(v[i], in[i]) << i;
+  for (int i = 0; i < tail; ++i) ASSERT_EQ(v[cut + i], in[4410 - tail + i]) << i;
+  EXPECT_EQ(v[cut], -2);
+
+  // Without the closest pair the earlier of the two equal ones is taken.
+  TTempCorrector c2;
+  SetRate(c2, 44100);
+  c2.Init(2.0f);
+  auto w = in;
+  w[3307 + 60] = 20000;
+  EXPECT_EQ(Correct(c2, w), 4410);
+  EXPECT_EQ(w[1102 - 150], 5);
+  EXPECT_EQ(w[1102 - 150 - 1], in[1102 - 150 - 1]);
+}
+
+TEST(TempCorrector, TempoOneAndAHalfKeepsTwoThirdsWithRunningTotals) {
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(1.5f);
+  auto v = Ramp(4410);
+  EXPECT_EQ(Correct(c, v), 2940 * 2);
+  auto w = Ramp(4410, 5000);
+  EXPECT_EQ(Correct(c, w), 2940 * 2);
+  EXPECT_EQ(c.GetInCount(), 8820);
+  EXPECT_EQ(c.GetOutCount(), 5880);
+
+  // At 22050 Hz a block of 2205 values should keep 1102.5: the halves go to the even
+  // neighbour and the running totals make up the difference in the next block.
+  TTempCorrector h;
+  SetRate(h, 22050);
+  h.Init(2.0f);
+  const int32_t expected[] = {2204, 2206, 2204, 2206};
+  for (int32_t e : expected) {
+    auto b = Ramp(2205);
+    EXPECT_EQ(Correct(h, b), e);
+  }
+  EXPECT_EQ(h.GetOutCount(), 4410);
+
+  // Init(0) restarts the counting and keeps the tempo.
+  h.Init(0);
+  EXPECT_EQ(h.GetTempo(), 2.0f);
+  EXPECT_EQ(h.GetInCount(), 0);
+  EXPECT_EQ(h.GetOutCount(), 0);
+  auto again = Ramp(2205);
+  EXPECT_EQ(Correct(h, again), 2204);
+  // A negative tempo changes nothing at all, not even the counters.
+  h.Init(-1);
+  EXPECT_EQ(h.GetTempo(), 2.0f);
+  EXPECT_EQ(h.GetOutCount(), 1102);
+}
+
+TEST(TempCorrector, OutOfRangeTemposAndBadArgumentsLeaveDataAlone) {
+  const auto in = Tone16(440, 44100, 8820, 1);
+  // Tempo 1 (the start), 0.5, 6, and -1 on a fresh corrector (still 1).
+  for (float tempo : {1.0f, 0.5f, 6.0f, -1.0f, 0.0f}) {
+    TTempCorrector c;
+    SetRate(c, 44100);
+    c.Init(tempo);
+    auto v = in;
+    EXPECT_EQ(c.Correct(v.data(), 17640), 17640) << tempo;
+    EXPECT_EQ(v, in) << tempo;
+  }
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(5.0f);  // the top of the range still works
+  auto v = in;
+  EXPECT_EQ(c.Correct(v.data(), 17640), 2 * 2 * 882);
+  EXPECT_EQ(c.Correct(nullptr, 17640), 17640);
+  EXPECT_EQ(c.Correct(v.data(), 0), 0);
+  EXPECT_EQ(c.Correct(v.data(), -4), -4);
+
+  // Before the owner copies a format in there is no block length: nothing is touched.
+  TTempCorrector noFormat;
+  noFormat.Init(2.0f);
+  auto w = in;
+  EXPECT_EQ(noFormat.Correct(w.data(), 17640), 17640);
+  EXPECT_EQ(w, in);
+}
+
+TEST(TempCorrector, PartialBlocksAreDropped) {
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(2.0f);
+  auto v = Ramp(4409);
+  EXPECT_EQ(c.Correct(v.data(), 4409 * 2), 0);
+  EXPECT_EQ(c.GetInCount(), 0);
+  auto w = Ramp(8820 + 51);
+  EXPECT_EQ(c.Correct(w.data(), static_cast<int32_t>(w.size() * 2) - 1), 8820);
+}
+
+TEST(TempCorrector, ToneKeepsItsFrequencyAtTempoTwo) {
+  TTempCorrector c;
+  SetRate(c, 44100);
+  c.Init(2.0f);
+  std::vector<int16_t> all;
+  const auto tone = Tone16(440, 44100, 88200, 1);
+  // As the player hands it over: a tenth of a second at a time.
+  for (size_t at = 0; at < tone.size(); at += 4410) {
+    std::vector<int16_t> v(tone.begin() + at, tone.begin() + at + 4410);
+    Correct(c, v);
+    all.insert(all.end(), v.begin(), v.end());
+  }
+  ASSERT_EQ(all.size(), 44100u);
+  std::vector<double> x(all.begin(), all.end());
+  EXPECT_NEAR(DominantFrequency(x, 44100, 100, 2000), 440, 3);
+}
+
+TEST(TempCorrector, DebugFileHoldsEverythingProducedAsMono44100) {
+  kl::RemoveFile(DEBUG_WAV);
+  std::vector<int16_t> produced;
+  {
+    TTempCorrector c;
+    SetRate(c, 22050, 2);  // the debug file ignores the real format
+    c.Init(2.0f);
+    auto a = Ramp(4410, -3000);
+    Correct(c, a);
+    auto shortOne = Ramp(100);
+    EXPECT_EQ(c.Correct(shortOne.data(), 200), 0);
+    auto b = Ramp(2205, 7000);
+    Correct(c, b);
+    produced = a;
+    produced.insert(produced.end(), b.begin(), b.end());
+  }
+  ASSERT_TRUE(kl::FileExists(DEBUG_WAV));
+  WAVEFORMATEX f{};
+  const auto values = DebugFileValues(&f);
+  EXPECT_EQ(f.wFormatTag, WAVE_FORMAT_PCM);
+  EXPECT_EQ(f.nChannels, 1);
+  EXPECT_EQ(f.nSamplesPerSec, 44100u);
+  EXPECT_EQ(f.wBitsPerSample, 16);
+  EXPECT_EQ(values, produced);
+
+  // A corrector that produced nothing leaves an empty but valid file.
+  { TTempCorrector idle; }
+  EXPECT_TRUE(DebugFileValues().empty());
+
+  // Two correctors at once share one file name; both keep working.
+  {
+    TTempCorrector first, second;
+    SetRate(first, 44100);
+    SetRate(second, 44100);
+    first.Init(2.0f);
+    second.Init(2.0f);
+    auto a = Ramp(4410), b = Ramp(4410);
+    EXPECT_EQ(Correct(first, a), 4410);
+    EXPECT_EQ(Correct(second, b), 4410);
+  }
+  EXPECT_NO_THROW(DebugFileValues());
+  kl::RemoveFile(DEBUG_WAV);
+}
