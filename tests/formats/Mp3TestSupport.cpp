@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -144,5 +145,24 @@ TGuardedBuffer::TGuardedBuffer(const void* Data, size_t Size, bool AtEnd) : FSiz
 }
 
 TGuardedBuffer::~TGuardedBuffer() { VirtualFree(FBase, 0, MEM_RELEASE); }
+
+namespace {
+LONG WINAPI ReportFault(EXCEPTION_POINTERS* Info) {
+  const EXCEPTION_RECORD* r = Info->ExceptionRecord;
+  std::fprintf(stderr, "unhandled fault 0x%08lx at %p (address %p)\n", static_cast<unsigned long>(r->ExceptionCode),
+               r->ExceptionAddress,
+               r->NumberParameters >= 2 ? reinterpret_cast<void*>(r->ExceptionInformation[1]) : nullptr);
+  std::fflush(stdout);
+  std::fflush(stderr);
+  TerminateProcess(GetCurrentProcess(), r->ExceptionCode);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+}  // namespace
+
+TFaultReporter::TFaultReporter() : FPrevious(reinterpret_cast<void*>(SetUnhandledExceptionFilter(&ReportFault))) {}
+
+TFaultReporter::~TFaultReporter() {
+  SetUnhandledExceptionFilter(reinterpret_cast<LPTOP_LEVEL_EXCEPTION_FILTER>(FPrevious));
+}
 
 }  // namespace mp3test

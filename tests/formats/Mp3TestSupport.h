@@ -59,4 +59,17 @@ class TGuardedBuffer {
   size_t FSize = 0;
 };
 
+// While alive, a fault the process does not handle is printed and ends the process at
+// once with the fault's code, instead of waiting for a debugger to attach.
+class TFaultReporter {
+ public:
+  TFaultReporter();
+  ~TFaultReporter();
+  TFaultReporter(const TFaultReporter&) = delete;
+  TFaultReporter& operator=(const TFaultReporter&) = delete;
+
+ private:
+  void* FPrevious;
+};
+
 }  // namespace mp3test
