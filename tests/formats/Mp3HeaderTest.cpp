@@ -2,7 +2,6 @@
 // bytes held in guarded buffers (a read past either end faults).
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstring>
 #include <string>
 
@@ -373,18 +372,6 @@ TEST(Mp3Helpers, WaveFormats) {
   kl::UklMP3::MP3_PADDING = 2;
   kl::UklMP3::MP3_CODEC_DELAY = 1393;
   kl::UklMP3::InitMp3WaveFormat(nullptr);
-}
-
-TEST(Mp3Helpers, InfoRecordLayouts) {
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3Info, Stereo), 12u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3Info, Offset), 13u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3Info, Layer), 17u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3Info, SamplesPerFrame), 21u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3Info, Channels), 25u);
-  EXPECT_EQ(offsetof(kl::UklMP3::TMP3Info, SamplesPerFrame), 21u);
-  EXPECT_EQ(sizeof(kl::UklMP3::TMP3Info), 25u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3WAVEFORMAT, wID), 18u);
-  EXPECT_EQ(offsetof(kl::UMp3::TMP3WAVEFORMAT, nCodecDelay), 28u);
 }
 
 }  // namespace
