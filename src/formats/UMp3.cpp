@@ -27,7 +27,10 @@ constexpr int32_t kLayers[4] = {0, 3, 2, 1};
 // How far a leading tag is searched for the first header.
 constexpr int32_t kSearchSize = 4096;
 
-using TBlock = std::unique_ptr<void, decltype(&std::free)>;
+struct TFree {
+  void operator()(void* P) const { std::free(P); }
+};
+using TBlock = std::unique_ptr<void, TFree>;
 
 bool IsSync(const uint8_t* P) { return P[0] == 0xFF && (P[1] & 0xE0) == 0xE0; }
 
@@ -181,7 +184,7 @@ int32_t GetMP3Frames(TStream* Stream, int32_t Count, int32_t MaxSize, void*& Fra
   }
   Stream->Seek(start, TSeekOrigin::soBeginning);
   if (total <= 0) return 0;
-  TBlock block(std::malloc(static_cast<size_t>(total)), &std::free);
+  TBlock block(std::malloc(static_cast<size_t>(total)));
   if (!block) return 0;
   const int32_t got = ReadFully(*Stream, block.get(), static_cast<int32_t>(total));
   if (got <= 0) return 0;
@@ -228,7 +231,7 @@ bool CopyMP3Frames(TStream* Source, TStream* Dest, int32_t StartFrame, int32_t C
   }
   void* frames = nullptr;
   const int32_t total = GetMP3Frames(Source, Count, std::numeric_limits<int32_t>::max(), frames);
-  TBlock block(frames, &std::free);
+  TBlock block(frames);
   if (total <= 0) return false;
   return Dest->Write(block.get(), total) == total;
 }

@@ -70,12 +70,13 @@ int32_t GetMP3FrameDataSize(const TMP3Info& Info, bool Padding);
 int32_t GetMP3Frames(const void* Data, int32_t Size, int32_t Count, int32_t MaxSize, void*& Frames);
 // Whole frames from the stream's position, each sized by its own header, until Count
 // frames are taken, the total reaches MaxSize, a header does not parse or the stream
-// ends (a frame cut short by the end is left out). The stream is left after the run.
+// ends (a frame cut short by the end is left out). The stream is left after the run
+// (back at its start when nothing was found).
 int32_t GetMP3Frames(TStream* Stream, int32_t Count, int32_t MaxSize, void*& Frames);
 
-// Estimates the frames in Size bytes from the first header's unpadded frame size, as
-// the mean of the counts with no and with all frames padded. Fast = false raises:
-// only the estimate exists.
+// Estimates the frames in the Size bytes at Header from the first header's unpadded
+// frame size, as the mean of the counts with no and with all frames padded. Fast = false
+// raises: only the estimate exists.
 int32_t GetMP3FrameCount(const void* Header, int32_t Size, bool Fast);
 // The same from the 4 header bytes at the stream's position (which is kept); Size >= 5.
 int32_t GetMP3FrameCount(TStream* Stream, int32_t Size, bool Fast);
