@@ -168,13 +168,13 @@ bool CopyBits(int32_t SrcX, int32_t SrcY, int32_t Width, int32_t Height, int32_t
     uint32_t* drow = dst + (DestY + j) * static_cast<int64_t>(DestWidth);
     const int64_t sy = SrcY + j;
     if (sy < 0 || sy >= SourceHeight) {
-      std::memset(drow + DestX + i0, 0, static_cast<size_t>(i1 - i0) * 4);
+      std::memset(drow + (DestX + i0), 0, static_cast<size_t>(i1 - i0) * 4);
       continue;
     }
     const uint32_t* srow = src + sy * static_cast<int64_t>(SourceWidth);
-    std::memset(drow + DestX + i0, 0, static_cast<size_t>(c0 - i0) * 4);
-    if (c1 > c0) std::memcpy(drow + DestX + c0, srow + SrcX + c0, static_cast<size_t>(c1 - c0) * 4);
-    std::memset(drow + DestX + c1, 0, static_cast<size_t>(i1 - c1) * 4);
+    std::memset(drow + (DestX + i0), 0, static_cast<size_t>(c0 - i0) * 4);
+    if (c1 > c0) std::memcpy(drow + (DestX + c0), srow + (SrcX + c0), static_cast<size_t>(c1 - c0) * 4);
+    std::memset(drow + (DestX + c1), 0, static_cast<size_t>(i1 - c1) * 4);
   }
   return true;
 }
