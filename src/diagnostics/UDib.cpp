@@ -127,7 +127,10 @@ bool FlipVertically(int32_t Width, int32_t Height, int32_t BitCount, void* Bits)
 bool FlipVertically(int32_t Width, int32_t Height, HBITMAP Bitmap) {
   if (Width < 1 || Height < 1 || Bitmap == nullptr || GetObjectType(Bitmap) != OBJ_BITMAP) return false;
   TMemDC dc(Bitmap);
-  if (dc.DC() != nullptr) StretchBlt(dc.DC(), 0, 0, Width, Height, dc.DC(), 0, Height, Width, -Height, SRCCOPY);
+  // A negative extent counts from its origin row inclusive (rows y, y-1, ... y+h+1), so
+  // the mirrored source starts at the last row, Height - 1; starting at Height would
+  // leave the first row and shift the others by one.
+  if (dc.DC() != nullptr) StretchBlt(dc.DC(), 0, 0, Width, Height, dc.DC(), 0, Height - 1, Width, -Height, SRCCOPY);
   return false;
 }
 
