@@ -40,10 +40,10 @@ class TFind {
   bool FDone = false;
 };
 
-// The directory part of a mask without its trailing backslash, and the pattern.
+// The directory part of a mask as a prefix for names ("C:\dir\", "C:\", or empty for
+// a bare pattern), and the pattern.
 void SplitMask(const std::string& Mask, std::string& Dir, std::string& Pattern) {
   Dir = ExtractFilePath(Mask);
-  if (!Dir.empty() && Dir.back() == '\\') Dir.pop_back();
   Pattern = ExtractFileName(Mask);
 }
 
@@ -75,13 +75,13 @@ void EnumImpl(const std::string& Mask, TEnumFileProc Callback, intptr_t& Data, b
     for (TFind f(Mask); f.Found(); f.Next()) {
       if (f.IsDots() || f.IsDir() != Dirs) continue;
       if (!Filter.Accepts(f.Data())) continue;
-      if (!Callback(dir + "\\" + f.Name(), Data)) return;
+      if (!Callback(dir + f.Name(), Data)) return;
     }
   }
   if (!Recursive) return;
-  for (TFind f(dir + "\\*.*"); f.Found(); f.Next()) {
+  for (TFind f(dir + "*.*"); f.Found(); f.Next()) {
     if (f.IsDots() || !f.IsDir()) continue;
-    EnumImpl(Format("%s\\%s\\%s", dir.c_str(), f.Name().c_str(), pattern.c_str()), Callback, Data, Recursive, Dirs,
+    EnumImpl(Format("%s%s\\%s", dir.c_str(), f.Name().c_str(), pattern.c_str()), Callback, Data, Recursive, Dirs,
              Filter);
   }
 }
@@ -200,17 +200,17 @@ void TFileList::Refresh() {
   for (TFind f(FMask); f.Found(); f.Next()) {
     if (f.IsDots() || f.IsDir()) continue;
     const auto& d = f.Data();
-    FItems.emplace_back(dir + "\\" + f.Name(), SizeOf(d), static_cast<int32_t>(d.dwFileAttributes),
+    FItems.emplace_back(dir + f.Name(), SizeOf(d), static_cast<int32_t>(d.dwFileAttributes),
                         FileTimeToDateTime(d.ftCreationTime), FileTimeToDateTime(d.ftLastAccessTime),
                         FileTimeToDateTime(d.ftLastWriteTime));
   }
   if (!FRecursive) return;
   std::vector<std::string> subdirs;
-  for (TFind f(dir + "\\*.*"); f.Found(); f.Next()) {
+  for (TFind f(dir + "*.*"); f.Found(); f.Next()) {
     if (!f.IsDots() && f.IsDir()) subdirs.push_back(f.Name());
   }
   for (const auto& s : subdirs) {
-    TFileList sub(Format("%s\\%s\\%s", dir.c_str(), s.c_str(), pattern.c_str()), true);
+    TFileList sub(Format("%s%s\\%s", dir.c_str(), s.c_str(), pattern.c_str()), true);
     for (auto& item : sub.FItems) FItems.push_back(std::move(item));
   }
 }
@@ -274,7 +274,7 @@ bool CopyFiles(const std::string& Mask, const std::string& DestDir, int32_t* Cou
   bool all = true;
   for (TFind f(Mask); f.Found(); f.Next()) {
     if (f.IsDots() || f.IsDir()) continue;
-    const std::string src = dir + "\\" + f.Name();
+    const std::string src = dir + f.Name();
     if (CopyFileA(src.c_str(), (dest + f.Name()).c_str(), FALSE)) {
       if (Count != nullptr) ++*Count;
     } else {
@@ -288,19 +288,19 @@ bool CopyFiles(const std::string& Mask, const std::string& DestDir, int32_t* Cou
 // --- TFileEnumerator --------------------------------------------------------------------
 
 void TFileEnumerator::EnumLevel(const std::string& Dir, TEnumFileProc Callback, intptr_t& Data) {
-  const std::string dir = WithoutTrailingBackslash(Dir);
+  const std::string dir = IncludeTrailingPathDelimiter(Dir);
   constexpr DWORD special = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_DIRECTORY;
   {
-    for (TFind f(dir + "\\" + FMask); f.Found() && !FStopRequest; f.Next()) {
+    for (TFind f(dir + FMask); f.Found() && !FStopRequest; f.Next()) {
       if (f.IsDots()) continue;
       if ((f.Data().dwFileAttributes & special & ~FAttributes) != 0) continue;
-      if (!Callback(dir + "\\" + f.Name(), Data)) break;
+      if (!Callback(dir + f.Name(), Data)) break;
     }
   }
   if (!FRecursive) return;
-  for (TFind f(dir + "\\*.*"); f.Found() && !FStopRequest; f.Next()) {
+  for (TFind f(dir + "*.*"); f.Found() && !FStopRequest; f.Next()) {
     if (f.IsDots() || !f.IsDir()) continue;
-    EnumLevel(dir + "\\" + f.Name(), Callback, Data);
+    EnumLevel(dir + f.Name(), Callback, Data);
   }
 }
 

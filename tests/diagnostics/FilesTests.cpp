@@ -149,6 +149,16 @@ TEST(FilesEnum, DirsAndFilters) {
   EnumDirs(t.Root + "\\*.*", EnumFilesProc, data, false);
   EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"sub1", "sub2"}));
 
+  // A bare pattern gives names relative to the current folder.
+  char cwd[MAX_PATH] = {};
+  GetCurrentDirectoryA(MAX_PATH, cwd);
+  SetCurrentDirectoryA(t.Root.c_str());
+  list.Clear();
+  EnumFiles("*.txt", EnumFilesProc, data, true);
+  SetCurrentDirectoryA(cwd);
+  EXPECT_EQ(AsSet(list.Items()), (std::set<std::string>{"a.txt", "sub1\\c.txt", "sub1\\d.txt", "sub1\\deep\\e.txt",
+                                                        "sub2\\f.txt"}));
+
   list.Clear();
   EnumFilesEx(t.Root + "\\*.*", EnumFilesProc, 0, 0, 0, 4, data, true);
   EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"a.txt", "b.dat", "sub2\\f.txt"}));
