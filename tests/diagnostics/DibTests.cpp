@@ -1,0 +1,344 @@
+// Bitmap helpers checked pixel by pixel, reading the results back with GetDIBits.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <cstring>
+#include <functional>
+#include <numeric>
+
+#include "diagnostics/UDib.h"
+#include "rtl/SysUtils.h"
+
+using namespace kl;
+using namespace kl::UDib;
+
+namespace {
+
+// A 32-bit section of W x H pixels, freed at the end; pixels in image coordinates
+// (row 0 at the top, while the section stores it last).
+struct TBitmap {
+  HBITMAP Handle = nullptr;
+  uint32_t* Bits = nullptr;
+  int W, H;
+  TBitmap(int AW, int AH, uint32_t Fill) : W(AW), H(AH) {
+    void* bits = nullptr;
+    Handle = CreateDIBSectionEx(W, H, 32, bits);
+    Bits = static_cast<uint32_t*>(bits);
+    for (int i = 0; i < W * H; ++i) Bits[i] = Fill;
+  }
+  ~TBitmap() { DeleteObject(Handle); }
+  TBitmap(const TBitmap&) = delete;
+  TBitmap& operator=(const TBitmap&) = delete;
+  void Set(int X, int Y, uint32_t C) {
+    GdiFlush();
+    Bits[(H - 1 - Y) * W + X] = C;
+  }
+  // Top-down read-back through the graphics system, colour bits only.
+  std::vector<uint32_t> Read() const {
+    GdiFlush();
+    std::vector<uint32_t> px(static_cast<size_t>(W * H));
+    BITMAPINFO bi{};
+    bi.bmiHeader.biSize = sizeof(BITMAPINFOHEADER);
+    bi.bmiHeader.biWidth = W;
+    bi.bmiHeader.biHeight = -H;
+    bi.bmiHeader.biPlanes = 1;
+    bi.bmiHeader.biBitCount = 32;
+    bi.bmiHeader.biCompression = BI_RGB;
+    HDC dc = GetDC(nullptr);
+    const int rows = GetDIBits(dc, Handle, 0, static_cast<UINT>(H), px.data(), &bi, DIB_RGB_COLORS);
+    ReleaseDC(nullptr, dc);
+    EXPECT_EQ(rows, H);
+    for (auto& p : px) p &= 0xFFFFFF;
+    return px;
+  }
+};
+
+// A memory context holding a bitmap, for the DC forms.
+struct TDC {
+  HDC DC;
+  HGDIOBJ Old;
+  explicit TDC(HBITMAP B) : DC(CreateCompatibleDC(nullptr)), Old(SelectObject(DC, B)) {}
+  ~TDC() {
+    SelectObject(DC, Old);
+    DeleteDC(DC);
+  }
+  TDC(const TDC&) = delete;
+  TDC& operator=(const TDC&) = delete;
+};
+
+uint32_t Blend(uint32_t S, uint32_t D, int A) {
+  uint32_t r = 0;
+  for (int shift = 0; shift < 24; shift += 8) {
+    const int s = (S >> shift) & 0xFF, d = (D >> shift) & 0xFF;
+    r |= static_cast<uint32_t>((s * A + d * (255 - A) + 127) / 255) << shift;
+  }
+  return r;
+}
+
+bool Near(uint32_t A, uint32_t B) {
+  for (int shift = 0; shift < 24; shift += 8) {
+    if (std::abs(static_cast<int>((A >> shift) & 0xFF) - static_cast<int>((B >> shift) & 0xFF)) > 1) return false;
+  }
+  return true;
+}
+
+constexpr uint32_t kKey = 0x102030;  // the transparent colour as a pixel (RGB(0x10, 0x20, 0x30))
+constexpr COLORREF kKeyRef = RGB(0x10, 0x20, 0x30);
+constexpr uint32_t kDest = 0x204060;
+
+// A 4 x 4 source: a checkerboard of the key colour and distinct colours.
+void FillSource(TBitmap& S) {
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 4; ++x) S.Set(x, y, (x + y) % 2 == 0 ? kKey : 0xC86400 + static_cast<uint32_t>(y * 16 + x));
+  }
+}
+
+}  // namespace
+
+TEST(DibSection, CreatesOnlyValidSections) {
+  void* const sentinel = reinterpret_cast<void*>(0x1234);
+  void* bits = sentinel;
+  EXPECT_EQ(CreateDIBSectionEx(0, 10, 32, bits), nullptr);
+  EXPECT_EQ(CreateDIBSectionEx(-3, 10, 24, bits), nullptr);
+  EXPECT_EQ(CreateDIBSectionEx(10, 10, 16, bits), nullptr);
+  EXPECT_EQ(CreateDIBSectionEx(10, 10, std::vector<uint32_t>(), bits), nullptr);
+  EXPECT_EQ(bits, sentinel);
+
+  const HBITMAP b = CreateDIBSectionEx(3, 2, 24, bits);
+  ASSERT_NE(b, nullptr);
+  EXPECT_NE(bits, sentinel);
+  DIBSECTION ds{};
+  ASSERT_EQ(GetObject(b, sizeof ds, &ds), static_cast<int>(sizeof ds));
+  EXPECT_EQ(ds.dsBm.bmWidth, 3);
+  EXPECT_EQ(ds.dsBm.bmHeight, 2);
+  EXPECT_EQ(ds.dsBm.bmBitsPixel, 24);
+  EXPECT_EQ(ds.dsBmih.biHeight, 2);  // bottom-up
+  EXPECT_EQ(ds.dsBm.bmBits, bits);
+  DeleteObject(b);
+
+  try {
+    CreateDIBSectionEx(100000, 100000, 32, bits);  // 40 GB: the system refuses
+    FAIL() << "no exception";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.Message(), "CreateDIBSectionEx: Result = 0");
+  }
+}
+
+TEST(DibSection, PalettisedBitCountsAndColourTables) {
+  for (const auto& [n, bpp, table] :
+       std::vector<std::tuple<int, int, int>>{{1, 1, 2}, {2, 1, 2}, {3, 4, 16}, {16, 4, 16}, {17, 8, 256}, {256, 8, 256},
+                                              {257, 32, 0}}) {
+    std::vector<uint32_t> pal(static_cast<size_t>(n));
+    std::iota(pal.begin(), pal.end(), 0x010203u);
+    void* bits = nullptr;
+    const HBITMAP b = CreateDIBSectionEx(5, 3, pal, bits);
+    ASSERT_NE(b, nullptr) << n;
+    DIBSECTION ds{};
+    GetObject(b, sizeof ds, &ds);
+    EXPECT_EQ(ds.dsBm.bmBitsPixel, bpp) << n;
+    if (table > 0) {
+      HDC dc = CreateCompatibleDC(nullptr);
+      HGDIOBJ old = SelectObject(dc, b);
+      std::vector<RGBQUAD> got(256);
+      EXPECT_EQ(GetDIBColorTable(dc, 0, 256, got.data()), static_cast<UINT>(table)) << n;
+      for (int i = 0; i < table; ++i) {
+        uint32_t v = 0;
+        std::memcpy(&v, &got[static_cast<size_t>(i)], 4);
+        EXPECT_EQ(v, i < n ? pal[static_cast<size_t>(i)] : 0u) << n << " entry " << i;
+      }
+      SelectObject(dc, old);
+      DeleteDC(dc);
+    }
+    DeleteObject(b);
+  }
+}
+
+TEST(DibFlip, BufferRowsUseTheEvenWidthRowSize) {
+  // 24 bits, width 3: rows of (2 * 2 * 24) div 8 = 12 bytes.
+  std::vector<uint8_t> buf(36);
+  for (size_t i = 0; i < buf.size(); ++i) buf[i] = static_cast<uint8_t>(i / 12 * 100 + i % 12);
+  std::vector<uint8_t> orig = buf;
+  EXPECT_FALSE(FlipVertically(3, 3, 24, buf.data()));
+  for (size_t i = 0; i < 12; ++i) {
+    EXPECT_EQ(buf[i], orig[24 + i]);
+    EXPECT_EQ(buf[12 + i], orig[12 + i]);  // the middle row of an odd height stays
+    EXPECT_EQ(buf[24 + i], orig[i]);
+  }
+  FlipVertically(3, 3, 24, buf.data());
+  EXPECT_EQ(buf, orig);
+
+  std::vector<uint8_t> one(16, 7);
+  EXPECT_FALSE(FlipVertically(4, 1, 32, one.data()));
+  EXPECT_EQ(one, std::vector<uint8_t>(16, 7));
+  // Ignored: other bit counts, non-positive sizes, no buffer.
+  std::vector<uint8_t> two = buf;
+  EXPECT_FALSE(FlipVertically(3, 3, 16, buf.data()));
+  EXPECT_FALSE(FlipVertically(0, 3, 24, buf.data()));
+  EXPECT_FALSE(FlipVertically(3, -3, 24, buf.data()));
+  EXPECT_FALSE(FlipVertically(3, 3, 24, nullptr));
+  EXPECT_EQ(buf, two);
+
+  std::vector<uint8_t> src = {1, 2, 3, 4, 5, 6}, dst(6, 0);
+  FlippingCopy(src.data(), dst.data(), 2, 3);
+  EXPECT_EQ(dst, (std::vector<uint8_t>{5, 6, 3, 4, 1, 2}));
+  FlippingCopy(nullptr, dst.data(), 2, 3);
+  FlippingCopy(src.data(), dst.data(), 0, 3);
+  FlippingCopy(src.data(), nullptr, 2, 3);
+  EXPECT_EQ(dst, (std::vector<uint8_t>{5, 6, 3, 4, 1, 2}));
+}
+
+TEST(DibFlip, BitmapThroughTheGraphicsSystem) {
+  TBitmap b(3, 4, 0);
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 3; ++x) b.Set(x, y, static_cast<uint32_t>(0x010000 * (y + 1) + x));
+  }
+  const auto before = b.Read();
+  EXPECT_FALSE(FlipVertically(3, 4, b.Handle));
+  const auto after = b.Read();
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 3; ++x) EXPECT_EQ(after[y * 3 + x], before[(3 - y) * 3 + x]) << x << "," << y;
+  }
+  EXPECT_FALSE(FlipVertically(3, 4, static_cast<HBITMAP>(nullptr)));
+  EXPECT_FALSE(FlipVertically(0, 4, b.Handle));
+  EXPECT_EQ(b.Read(), after);
+}
+
+TEST(DibCopyBits, ClipsAndZeroFills) {
+  // Source 8 x 6 with distinct pixels; destination 10 x 10 pre-filled.
+  std::vector<uint32_t> src(48);
+  for (int i = 0; i < 48; ++i) src[static_cast<size_t>(i)] = 0x1000u + static_cast<uint32_t>(i);
+  auto S = [&](int x, int y) { return src[static_cast<size_t>(y * 8 + x)]; };
+  std::vector<uint32_t> dst(100, 0xEEEEEEEE);
+
+  // Source position (-5, -5): the block's first five columns and rows are zero.
+  ASSERT_TRUE(CopyBits(-5, -5, 8, 8, 1, 1, src.data(), 8, 6, dst.data(), 10, 10, 32));
+  for (int y = 0; y < 10; ++y) {
+    for (int x = 0; x < 10; ++x) {
+      const uint32_t got = dst[static_cast<size_t>(y * 10 + x)];
+      const int bx = x - 1, by = y - 1;  // block coordinates
+      if (bx < 0 || by < 0 || bx >= 8 || by >= 8) {
+        EXPECT_EQ(got, 0xEEEEEEEEu) << x << "," << y;
+      } else if (bx < 5 || by < 5) {
+        EXPECT_EQ(got, 0u) << x << "," << y;
+      } else {
+        EXPECT_EQ(got, S(bx - 5, by - 5)) << x << "," << y;
+      }
+    }
+  }
+
+  // A block hanging over the destination's edges, and over the source's right and bottom.
+  std::fill(dst.begin(), dst.end(), 0xEEEEEEEE);
+  ASSERT_TRUE(CopyBits(5, 3, 6, 6, -2, 7, src.data(), 8, 6, dst.data(), 10, 10, 32));
+  for (int y = 0; y < 10; ++y) {
+    for (int x = 0; x < 10; ++x) {
+      const uint32_t got = dst[static_cast<size_t>(y * 10 + x)];
+      const int bx = x + 2, by = y - 7;
+      if (bx >= 6 || by < 0) {
+        EXPECT_EQ(got, 0xEEEEEEEEu) << x << "," << y;
+      } else {
+        const int sx = 5 + bx, sy = 3 + by;
+        EXPECT_EQ(got, sx < 8 && sy < 6 ? S(sx, sy) : 0u) << x << "," << y;
+      }
+    }
+  }
+
+  // Entirely outside the destination: nothing written.
+  std::fill(dst.begin(), dst.end(), 0xEEEEEEEE);
+  EXPECT_TRUE(CopyBits(0, 0, 4, 4, 10, 0, src.data(), 8, 6, dst.data(), 10, 10, 32));
+  EXPECT_TRUE(CopyBits(0, 0, 4, 4, 0x7FFFFFF0, 0x7FFFFFF0, src.data(), 8, 6, dst.data(), 10, 10, 32));
+  EXPECT_EQ(dst, std::vector<uint32_t>(100, 0xEEEEEEEE));
+
+  EXPECT_FALSE(CopyBits(0, 0, 0, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 32));
+  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, nullptr, 8, 6, dst.data(), 10, 10, 32));
+  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, -6, dst.data(), 10, 10, 32));
+  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, nullptr, 10, 10, 32));
+  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 4));
+  try {
+    CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 24);
+    FAIL() << "no exception";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.Message(), "not released for this BytesPerPixel");
+  }
+  EXPECT_EQ(dst, std::vector<uint32_t>(100, 0xEEEEEEEE));
+}
+
+TEST(DibBitBltEx, EveryPathPixelExact) {
+  struct TCase {
+    const char* Name;
+    uint8_t Opacity;
+    bool Transparent;
+  };
+  for (const TCase c : {TCase{"opaque", 255, false}, TCase{"alpha", 100, false}, TCase{"transparent", 255, true},
+                        TCase{"both", 100, true}}) {
+    TBitmap src(4, 4, 0), dst(6, 6, kDest);
+    FillSource(src);
+    const auto s = src.Read();
+    // The 3 x 2 block at source (1, 1) goes to destination (2, 3).
+    BitBltExBMBM(dst.Handle, 2, 3, 3, 2, src.Handle, 1, 1, c.Opacity, c.Transparent, kKeyRef);
+    const auto d = dst.Read();
+    for (int y = 0; y < 6; ++y) {
+      for (int x = 0; x < 6; ++x) {
+        uint32_t want = kDest;
+        if (x >= 2 && x < 5 && y >= 3 && y < 5) {
+          const uint32_t sp = s[static_cast<size_t>((y - 2) * 4 + (x - 1))];
+          if (!(c.Transparent && sp == kKey)) want = c.Opacity == 255 ? sp : Blend(sp, kDest, c.Opacity);
+        }
+        const uint32_t got = d[static_cast<size_t>(y * 6 + x)];
+        if (c.Opacity == 255) {
+          EXPECT_EQ(got, want) << c.Name << " " << x << "," << y;
+        } else {
+          EXPECT_TRUE(Near(got, want)) << c.Name << " " << x << "," << y << std::hex << " got " << got << " want "
+                                       << want;
+        }
+      }
+    }
+  }
+}
+
+TEST(DibBitBltEx, ContextAndBitmapForms) {
+  // The same blended transparent drawing through each pairing of contexts and bitmaps.
+  std::vector<std::vector<uint32_t>> results;
+  for (int form = 0; form < 4; ++form) {
+    TBitmap src(4, 4, 0), dst(4, 4, kDest);
+    FillSource(src);
+    if (form == 0) {
+      TDC sd(src.Handle), dd(dst.Handle);
+      BitBltExDCDC(dd.DC, 0, 0, 4, 4, sd.DC, 0, 0, 200, true, kKeyRef);
+    } else if (form == 1) {
+      TDC sd(src.Handle);
+      BitBltExBMDC(dst.Handle, 0, 0, 4, 4, sd.DC, 0, 0, 200, true, kKeyRef);
+    } else if (form == 2) {
+      TDC dd(dst.Handle);
+      BitBltExDCBM(dd.DC, 0, 0, 4, 4, src.Handle, 0, 0, 200, true, kKeyRef);
+    } else {
+      BitBltExBMBM(dst.Handle, 0, 0, 4, 4, src.Handle, 0, 0, 200, true, kKeyRef);
+    }
+    results.push_back(dst.Read());
+  }
+  EXPECT_NE(results[0], std::vector<uint32_t>(16, kDest));
+  for (int form = 1; form < 4; ++form) EXPECT_EQ(results[static_cast<size_t>(form)], results[0]) << form;
+}
+
+TEST(DibBitBltEx, RasterOperationsAndBadInput) {
+  TBitmap src(2, 2, 0x0F0F0F), dst(2, 2, 0xFFFFFF);
+  BitBltExBMBM(dst.Handle, 0, 0, 2, 2, src.Handle, 0, 0, SRCINVERT);
+  EXPECT_EQ(dst.Read(), std::vector<uint32_t>(4, 0xF0F0F0));
+  {
+    TDC dd(dst.Handle);
+    BitBltDCBM(dd.DC, 1, 0, 1, 2, src.Handle, 0, 0, SRCCOPY);
+  }
+  EXPECT_EQ(dst.Read(), (std::vector<uint32_t>{0xF0F0F0, 0x0F0F0F, 0xF0F0F0, 0x0F0F0F}));
+
+  const auto before = dst.Read();
+  BitBltExBMBM(dst.Handle, 0, 0, 0, 2, src.Handle, 0, 0, 255, false, 0);
+  BitBltExBMBM(dst.Handle, 0, 0, 2, -1, src.Handle, 0, 0, 100, true, 0);
+  BitBltExBMBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, 255, false, 0);
+  BitBltExBMBM(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, 100, true, 0);
+  BitBltExDCDC(nullptr, 0, 0, 2, 2, nullptr, 0, 0, 100, false, 0);
+  BitBltExDCBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, 100, false, 0);
+  BitBltExBMDC(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, 100, false, 0);
+  BitBltDCBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, SRCCOPY);
+  BitBltExBMBM(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, SRCCOPY);
+  EXPECT_EQ(dst.Read(), before);
+}

@@ -1,0 +1,392 @@
+// File and path helpers on a real directory tree in the temp folder, real shortcuts
+// resolved by the shell, and whole-tree copies through the shell.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <objbase.h>
+#include <oleauto.h>
+#include <shlobj.h>
+
+#include <algorithm>
+#include <set>
+
+#include "KlTest.h"
+#include "diagnostics/UTextEx.h"
+#include "diagnostics/klFiles.h"
+#include "diagnostics/klLog.h"
+
+using namespace kl;
+using namespace kl::klFiles;
+
+namespace {
+
+// root\a.txt (5 bytes), root\b.dat (20), root\sub1\c.txt, root\sub1\d.txt,
+// root\sub1\deep\e.txt, root\sub2\f.txt
+struct TTree {
+  kltest::TTempDir Temp;
+  std::string Root;
+  TTree() {
+    Root = Temp / "root";
+    CreateDirectoryA(Root.c_str(), nullptr);
+    CreateDirectoryA((Root + "\\sub1").c_str(), nullptr);
+    CreateDirectoryA((Root + "\\sub1\\deep").c_str(), nullptr);
+    CreateDirectoryA((Root + "\\sub2").c_str(), nullptr);
+    kltest::WriteFileBytes(Root + "\\a.txt", "aaaaa");
+    kltest::WriteFileBytes(Root + "\\b.dat", std::string(20, 'b'));
+    kltest::WriteFileBytes(Root + "\\sub1\\c.txt", "c");
+    kltest::WriteFileBytes(Root + "\\sub1\\d.txt", "dd");
+    kltest::WriteFileBytes(Root + "\\sub1\\deep\\e.txt", "eee");
+    kltest::WriteFileBytes(Root + "\\sub2\\f.txt", "ffff");
+  }
+  // Paths relative to the root, lower-cased.
+  std::vector<std::string> Relative(const TStringList& List) const {
+    std::vector<std::string> r;
+    for (const auto& s : List.Items()) r.push_back(UTextEx::AnsiLowerCase(s.substr(Root.size() + 1)));
+    return r;
+  }
+};
+
+std::set<std::string> AsSet(const std::vector<std::string>& V) { return {V.begin(), V.end()}; }
+
+std::vector<std::string> g_Seen;
+// Records every file and refuses to go on inside any subdirectory.
+bool StopInSubdirs(const std::string& FileName, intptr_t&) {
+  g_Seen.push_back(FileName);
+  return FileName.find("\\sub") == std::string::npos;
+}
+
+IFileEnumerator* g_Enumerator = nullptr;
+bool StopAfterTwo(const std::string&, intptr_t& Data) {
+  if (++Data == 2) g_Enumerator->Stop();
+  return true;
+}
+
+bool Resolve(const std::string& Link, std::string& Target, std::string& Args, std::string& Description) {
+  ComPtr<IShellLinkA> link;
+  if (FAILED(CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkA,
+                              reinterpret_cast<void**>(link.GetAddressOf())))) {
+    return false;
+  }
+  ComPtr<IPersistFile> file;
+  if (FAILED(link.As(&file))) return false;
+  std::wstring w(Link.begin(), Link.end());
+  if (FAILED(file->Load(w.c_str(), STGM_READ))) return false;
+  char buf[MAX_PATH * 2] = {};
+  WIN32_FIND_DATAA fd{};
+  if (FAILED(link->GetPath(buf, sizeof buf, &fd, 0))) return false;
+  Target = buf;
+  link->GetArguments(buf, sizeof buf);
+  Args = buf;
+  link->GetDescription(buf, sizeof buf);
+  Description = buf;
+  return true;
+}
+
+}  // namespace
+
+TEST(FilesEnum, RecursiveFilesBeforeSubdirectories) {
+  TTree t;
+  TStringList list;
+  intptr_t data = reinterpret_cast<intptr_t>(&list);
+  EnumFiles(t.Root + "\\*.txt", EnumFilesProc, data, true);
+  const auto rel = t.Relative(list);
+  EXPECT_EQ(AsSet(rel), (std::set<std::string>{"a.txt", "sub1\\c.txt", "sub1\\d.txt", "sub1\\deep\\e.txt",
+                                                "sub2\\f.txt"}));
+  ASSERT_FALSE(rel.empty());
+  EXPECT_EQ(rel[0], "a.txt");
+  // A directory's own files come before its subdirectory's.
+  const auto d = std::find(rel.begin(), rel.end(), "sub1\\d.txt");
+  const auto e = std::find(rel.begin(), rel.end(), "sub1\\deep\\e.txt");
+  EXPECT_LT(d, e);
+
+  list.Clear();
+  EnumFiles(t.Root + "\\*.*", EnumFilesProc, data, false);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"a.txt", "b.dat"}));
+
+  intptr_t count = 0;
+  EnumFiles(t.Root + "\\*.*", CountFilesProc, count, true);
+  EXPECT_EQ(count, 6);
+  intptr_t present = 0;
+  EnumFiles(t.Root + "\\*.dat", FilesPresentProc, present, true);
+  EXPECT_EQ(present, 1);
+  present = 0;
+  EnumFiles(t.Root + "\\*.none", FilesPresentProc, present, true);
+  EXPECT_EQ(present, 0);
+
+  // Nothing happens for an empty mask, no callback, a missing folder.
+  count = 0;
+  EnumFiles("", CountFilesProc, count, true);
+  EnumFiles(t.Root + "\\*.*", nullptr, count, true);
+  EnumFiles(t.Root + "\\missing\\*.*", CountFilesProc, count, true);
+  EXPECT_EQ(count, 0);
+  intptr_t noList = 0;
+  EnumFiles(t.Root + "\\*.*", EnumFilesProc, noList, false);  // a null list: the callback says stop
+}
+
+TEST(FilesEnum, FalseStopsOnlyTheCurrentLevel) {
+  TTree t;
+  g_Seen.clear();
+  intptr_t data = 0;
+  EnumFiles(t.Root + "\\*.txt", StopInSubdirs, data, true);
+  std::set<std::string> seen;
+  for (const auto& s : g_Seen) seen.insert(UTextEx::AnsiLowerCase(s.substr(t.Root.size() + 1)));
+  // Inside sub1 only the first file is seen and sub1\deep is not entered, but the root
+  // level goes on to the other subdirectory, whichever comes first.
+  EXPECT_EQ(seen.count("a.txt"), 1u);
+  EXPECT_EQ(seen.count("sub1\\c.txt") + seen.count("sub1\\d.txt"), 1u);
+  EXPECT_EQ(seen.count("sub1\\deep\\e.txt"), 0u);
+  EXPECT_EQ(seen.count("sub2\\f.txt"), 1u);
+  EXPECT_EQ(g_Seen.size(), 3u);
+}
+
+TEST(FilesEnum, DirsAndFilters) {
+  TTree t;
+  TStringList list;
+  intptr_t data = reinterpret_cast<intptr_t>(&list);
+  EnumDirs(t.Root + "\\*.*", EnumFilesProc, data, true);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"sub1", "sub1\\deep", "sub2"}));
+  list.Clear();
+  EnumDirs(t.Root + "\\*.*", EnumFilesProc, data, false);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"sub1", "sub2"}));
+
+  // A bare pattern gives names relative to the current folder.
+  char cwd[MAX_PATH] = {};
+  GetCurrentDirectoryA(MAX_PATH, cwd);
+  SetCurrentDirectoryA(t.Root.c_str());
+  list.Clear();
+  EnumFiles("*.txt", EnumFilesProc, data, true);
+  SetCurrentDirectoryA(cwd);
+  EXPECT_EQ(AsSet(list.Items()), (std::set<std::string>{"a.txt", "sub1\\c.txt", "sub1\\d.txt", "sub1\\deep\\e.txt",
+                                                        "sub2\\f.txt"}));
+
+  list.Clear();
+  EnumFilesEx(t.Root + "\\*.*", EnumFilesProc, 0, 0, 0, 4, data, true);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"a.txt", "b.dat", "sub2\\f.txt"}));
+  list.Clear();
+  EnumFilesEx(t.Root + "\\*.*", EnumFilesProc, 0, 0, 80000.0, 0, data, true);  // modified after 2119
+  EXPECT_EQ(list.Count(), 0);
+  EnumFilesEx(t.Root + "\\*.*", EnumFilesProc, 0, 0, 40000.0, 0, data, true);  // after 1909
+  EXPECT_EQ(list.Count(), 6);
+}
+
+TEST(FilesEnum, FileListAndEnumerator) {
+  TTree t;
+  TFileList files(t.Root + "\\*.txt");
+  EXPECT_EQ(files.Count(), 1);
+  EXPECT_EQ(files.IndexOf("A.TXT"), 0);
+  EXPECT_EQ(files.IndexOf(t.Root + "\\a.txt"), 0);
+  EXPECT_EQ(files.IndexOf("zzz"), -1);
+  EXPECT_EQ(files.Items(0).Size, 5);
+  EXPECT_GT(files.Items(0).LastWriteTime, 40000.0);
+  files.SetRecursive(true);
+  EXPECT_EQ(files.Count(), 5);
+  const int f = files.IndexOf("f.txt");
+  ASSERT_GE(f, 0);
+  EXPECT_EQ(files.Items(f).Size, 4);
+  kltest::WriteFileBytes(t.Root + "\\g.txt", "g");
+  EXPECT_EQ(files.Count(), 5);
+  files.Refresh();
+  EXPECT_EQ(files.Count(), 6);
+  files.SetDirAndMask(t.Root + "\\*.dat");
+  EXPECT_EQ(files.Count(), 1);
+
+  ComPtr<IFileEnumerator> en = CreateFileEnumerator();
+  ASSERT_TRUE(en);
+  ComPtr<IUnknown> unk;
+  EXPECT_EQ(en.As(&unk), S_OK);
+  TStringList list;
+  intptr_t data = reinterpret_cast<intptr_t>(&list);
+  en->Enum(t.Root, EnumFilesProc, data);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"a.txt", "b.dat", "g.txt"}));
+  list.Clear();
+  en->SetAttributes(FILE_ATTRIBUTE_DIRECTORY);
+  en->SetMask("sub*");
+  en->Enum(t.Root + "\\", EnumFilesProc, data);
+  EXPECT_EQ(AsSet(t.Relative(list)), (std::set<std::string>{"sub1", "sub2"}));
+
+  // Stop ends the enumeration before the next entry, Reset allows a new one.
+  en->SetAttributes(0);
+  en->SetMask("*.*");
+  en->SetRecursive(true);
+  g_Enumerator = en.Get();
+  intptr_t n = 0;
+  en->Enum(t.Root, StopAfterTwo, n);
+  EXPECT_EQ(n, 2);
+  en->Enum(t.Root, StopAfterTwo, n);
+  EXPECT_EQ(n, 2);
+  en->Reset();
+  n = 10;
+  en->Enum(t.Root, StopAfterTwo, n);
+  EXPECT_EQ(n, 17);
+  g_Enumerator = nullptr;
+
+  try {
+    en->EnumEx(t.Root, CountFilesProc, 0, 0, 0, 0, n);
+    FAIL() << "EnumEx returned";
+  } catch (const klLog::EklException& e) {
+    EXPECT_EQ(e.Message(), "TFileEnumerator.EnumEx: not released yet");
+  }
+}
+
+TEST(FilesNames, TempAndUniqueNamesAvoidExistingFiles) {
+  kltest::TTempDir dir;
+  const std::string temp = GetTempFileName("");
+  EXPECT_EQ(UTextEx::AnsiLowerCase(ExtractFilePath(temp)), UTextEx::AnsiLowerCase(GetTempPath()));
+  EXPECT_EQ(ExtractFileName(temp).substr(0, 4), "temp");
+  EXPECT_EQ(ExtractFileExt(temp), "");
+  EXPECT_FALSE(FileExists(temp));
+
+  kltest::WriteFileBytes(dir / "x.wav", "");
+  const std::string other = GetTempFileName(dir / "x.wav");
+  EXPECT_NE(other, dir / "x.wav");
+  EXPECT_EQ(ExtractFileExt(other), ".wav");
+  EXPECT_EQ(other.substr(0, (dir / "x_").size()), dir / "x_");
+  EXPECT_FALSE(FileExists(other));
+  EXPECT_EQ(GetTempFileName(dir / "free.wav"), dir / "free.wav");
+
+  EXPECT_EQ(GetUniqueFileName(dir / "clip.wav"), dir / "clip_001.wav");
+  kltest::WriteFileBytes(dir / "clip_001.wav", "");
+  EXPECT_EQ(GetUniqueFileName(dir / "clip.wav"), dir / "clip_002.wav");
+  EXPECT_EQ(GetUniqueFileName(dir / "clip_007.wav"), dir / "clip_002.wav");
+  EXPECT_EQ(GetUniqueFileName(dir / "clip_x07.wav"), dir / "clip_x07_001.wav");
+  EXPECT_EQ(GetUniqueFileName(dir / "_123"), dir / "_123_001");
+  EXPECT_EQ(GetUniqueFileName(""), "");
+  for (int i = 1; i <= 999; ++i) kltest::WriteFileBytes(dir / Format("n_%.3d", i), "");
+  EXPECT_EQ(GetUniqueFileName(dir / "n"), dir / "n_1000");
+
+  std::string name = dir / "cap.raw";
+  auto stream = CreateUniqueFileStream(name);
+  ASSERT_TRUE(stream);
+  EXPECT_NE(name, dir / "cap.raw");
+  EXPECT_EQ(ExtractFileExt(name), ".raw");
+  stream->WriteBuffer("abc", 3);
+  stream.reset();
+  EXPECT_EQ(kltest::ReadFileBytes(name), "abc");
+  std::string empty;
+  stream = CreateUniqueFileStream(empty);
+  ASSERT_TRUE(stream);
+  stream.reset();
+  EXPECT_TRUE(FileExists(empty));
+  RemoveFile(empty);
+  std::string bad = dir / "no\\such\\folder\\f.bin";
+  EXPECT_FALSE(CreateUniqueFileStream(bad));
+}
+
+TEST(FilesNames, PathTests) {
+  EXPECT_TRUE(IsWebFile("HTTPS://example.com/a.mp4"));
+  EXPECT_TRUE(IsWebFile("ftp://host/x"));
+  EXPECT_FALSE(IsWebFile("example.com/http://a"));
+  EXPECT_FALSE(IsWebFile("http:/x"));
+  EXPECT_FALSE(IsWebFile(""));
+  EXPECT_FALSE(IsFullFileName("C:"));
+  EXPECT_TRUE(IsFullFileName("C:\\x"));
+  EXPECT_TRUE(IsFullFileName("\\\\server\\share"));
+  EXPECT_FALSE(IsFullFileName("dir\\file"));
+  EXPECT_EQ(CleanStrToPath("a:b/c"), "abc");
+  EXPECT_EQ(CleanStrToPath("\"x\\y\""), "xy");
+  EXPECT_EQ(GetWindowsPath().back(), '\\');
+  EXPECT_EQ(GetSystemPath().back(), '\\');
+  EXPECT_TRUE(DirectoryExists(GetSystemPath()));
+  EXPECT_EQ(UTextEx::AnsiLowerCase(GetSpecialFolder(CSIDL_WINDOWS) + "\\"), UTextEx::AnsiLowerCase(GetWindowsPath()));
+  EXPECT_EQ(GetSpecialFolder(0x7FFF), "");
+
+  kltest::TTempDir dir;
+  kltest::WriteFileBytes(dir / "a long file name.text", "x");
+  const std::string s = GetShortFileName(dir / "a long file name.text");
+  EXPECT_FALSE(s.empty());
+  EXPECT_EQ(kltest::ReadFileBytes(s), "x");
+  const std::string longName = "C:\\" + std::string(300, 'a');
+  EXPECT_EQ(GetShortFileName(longName), "\\\\?\\" + longName);
+  EXPECT_EQ(GetShortFileName(""), "");
+}
+
+TEST(FilesShell, ShortcutResolvesToItsTarget) {
+  kltest::TTempDir dir;
+  const std::string target = dir / "target.txt";
+  kltest::WriteFileBytes(target, "t");
+  ASSERT_TRUE(CreateLink(target, dir / "link.lnk", "-a -b", "my link"));
+  ASSERT_TRUE(FileExists(dir / "link.lnk"));
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  std::string got, args, desc;
+  const bool resolved = Resolve(dir / "link.lnk", got, args, desc);
+  CoUninitialize();
+  ASSERT_TRUE(resolved);
+  EXPECT_EQ(UTextEx::AnsiLowerCase(got), UTextEx::AnsiLowerCase(target));
+  EXPECT_EQ(args, "-a -b");
+  EXPECT_EQ(desc, "my link");
+  EXPECT_FALSE(CreateLink(target, dir / "no\\such\\dir\\link.lnk", "", ""));
+}
+
+TEST(FilesShell, CopyAndDeleteWholeTree) {
+  TTree t;
+  const std::string dest = t.Temp / "copy\\of\\tree";
+  ASSERT_TRUE(CopyDirectory(nullptr, t.Root, dest));
+  TStringList a, b;
+  intptr_t da = reinterpret_cast<intptr_t>(&a), db = reinterpret_cast<intptr_t>(&b);
+  EnumFiles(t.Root + "\\*.*", EnumFilesProc, da, true);
+  EnumFiles(dest + "\\*.*", EnumFilesProc, db, true);
+  ASSERT_EQ(b.Count(), 6);
+  std::set<std::string> ra, rb;
+  for (const auto& s : a.Items()) ra.insert(s.substr(t.Root.size()) + "=" + kltest::ReadFileBytes(s));
+  for (const auto& s : b.Items()) rb.insert(s.substr(dest.size()) + "=" + kltest::ReadFileBytes(s));
+  EXPECT_EQ(ra, rb);
+
+  EXPECT_FALSE(CopyDirectory(nullptr, t.Temp / "missing", dest));
+  EXPECT_TRUE(DeleteDirectory(nullptr, dest));
+  EXPECT_FALSE(DirectoryExists(dest));
+  EXPECT_TRUE(DirectoryExists(t.Temp / "copy\\of"));
+  EXPECT_FALSE(DeleteDirectory(nullptr, dest));
+
+  int32_t copied = -1;
+  CreateDirectoryA((t.Temp / "txt").c_str(), nullptr);
+  EXPECT_TRUE(CopyFiles(t.Root + "\\*.txt", t.Temp / "txt", &copied));
+  EXPECT_EQ(copied, 1);
+  EXPECT_EQ(kltest::ReadFileBytes(t.Temp / "txt\\a.txt"), "aaaaa");
+  EXPECT_FALSE(CopyFiles(t.Root + "\\*.*", t.Temp / "nowhere", &copied));
+  EXPECT_EQ(copied, 0);
+}
+
+TEST(FilesInfo, SizesDatesAndStringLists) {
+  TTree t;
+  EXPECT_EQ(GetFileSize(t.Root + "\\b.dat"), 20);
+  EXPECT_EQ(GetFileSize2(t.Root + "\\b.dat"), 20);
+  EXPECT_EQ(GetFileSize(t.Root + "\\missing"), -1);
+  EXPECT_EQ(GetFileSize2(t.Root + "\\missing"), -1);
+
+  // The date-time of now, as the host framework counts it (local time).
+  SYSTEMTIME st{};
+  GetLocalTime(&st);
+  double now = 0;
+  SystemTimeToVariantTime(&st, &now);
+  FILETIME ft{};
+  GetSystemTimeAsFileTime(&ft);
+  EXPECT_NEAR(FileTimeToDateTime(ft), now, 2.0 / 86400);
+
+  TDateTime c = -1, a = -1, m = -1;
+  ASSERT_TRUE(GetFileDates(t.Root + "\\a.txt", c, a, m));
+  EXPECT_NEAR(m, now, 600.0 / 86400);
+  EXPECT_GT(c, 40000.0);
+  EXPECT_GT(a, 40000.0);
+  c = a = m = -1;
+  EXPECT_FALSE(GetFileDates(t.Root + "\\missing", c, a, m));
+  EXPECT_EQ(c, -1);
+  EXPECT_EQ(m, -1);
+  // A drive root has no directory entry: its dates come from the opened folder.
+  EXPECT_TRUE(GetFileDates("C:\\", c, a, m));
+  EXPECT_GT(m, 0);
+
+  TStringList list;
+  list.SetText("a=1\nplain\nb=2");
+  const std::string file = t.Temp / "values.txt";
+  ASSERT_TRUE(SaveSL(list, file));
+  TStringList more;
+  more.SetText("b=3\nc=4\nplain\nnew");
+  ASSERT_TRUE(UpdateValues(file, more));
+  TStringList back;
+  ASSERT_TRUE(LoadSL(back, file));
+  EXPECT_EQ(back.Items(), (std::vector<std::string>{"a=1", "plain", "b=3", "c=4", "new"}));
+  ASSERT_TRUE(UpdateValues(t.Temp / "fresh.txt", more));
+  EXPECT_EQ(kltest::ReadFileBytes(t.Temp / "fresh.txt"), "b=3\r\nc=4\r\nplain\r\nnew\r\n");
+  EXPECT_FALSE(LoadSL(back, t.Temp / "missing.txt"));
+  EXPECT_FALSE(SaveSL(list, t.Temp / "no\\dir\\x.txt"));
+}
