@@ -7,9 +7,17 @@
 #include "rtl/SysUtils.h"
 #include "rtl/Threads.h"
 
+#include "diagnostics/UDib.h"
+#include "diagnostics/UTextEx.h"
+#include "diagnostics/klFiles.h"
 #include "diagnostics/klLog.h"
 
+#include "channels/UMemoryBuffer.h"
+#include "channels/UPipe.h"
+
+#include "formats/UMp3.h"
 #include "formats/UWAV.h"
+#include "formats/UklMP3.h"
 
 #include "tempo/USoundTouchDLL.h"
 
