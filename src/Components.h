@@ -14,6 +14,7 @@
 
 #include "channels/UMemoryBuffer.h"
 #include "channels/UPipe.h"
+#include "channels/klChildProcess.h"
 
 #include "formats/UMp3.h"
 #include "formats/UWAV.h"

@@ -5,6 +5,8 @@
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <random>
+#include <string>
 
 #include "diagnostics/klLog.h"
 #include "rtl/SysUtils.h"
@@ -280,5 +282,233 @@ int64_t TPipeStream::Seek(int64_t, TSeekOrigin Origin) {
 int64_t TPipeStream::GetSize() { return FPipe->GetSizeToRead(); }
 
 void TPipeStream::SetSize(int64_t) {}
+
+}  // namespace kl::UPipe
+
+// --- TReadPipeThread ----------------------------------------------------------------
+
+namespace kl::UPipe {
+
+namespace {
+constexpr int32_t kNamedPipeBlockSize = 131072;
+constexpr DWORD kReadPieceSize = 40960;
+const char kPipePrefix[] = "\\\\.\\pipe\\";
+}  // namespace
+
+TReadPipeThread::TReadPipeThread(HANDLE Handle, int32_t BufferLevel, int32_t Interval, ComPtr<IPipe> Pipe)
+    : TThread(true), Pipe(std::move(Pipe)), FHandle(Handle), BufferLevel(BufferLevel), Interval(Interval) {}
+
+TReadPipeThread::~TReadPipeThread() { TerminateAndWait(); }
+
+void TReadPipeThread::SetBufferLevel(int32_t Level) { BufferLevel.store(std::max(1, Level)); }
+
+void TReadPipeThread::ProcessOnConnect() {
+  if (OnConnect) OnConnect(this);
+}
+
+void TReadPipeThread::ProcessOnDisconnect() {
+  if (OnDisconnect) OnDisconnect(this);
+}
+
+void TReadPipeThread::Execute() {
+  try {
+    if (!Pipe) {
+      klLog::AddToEventLog("TReadPipeThread.Execute: Не создан буфер для Pipe", klLog::lkError);
+      return;
+    }
+    if (FHandle == INVALID_HANDLE_VALUE || FHandle == nullptr) {
+      klLog::AddToEventLog("TReadPipeThread.Execute: Неверный дескриптор Pipe", klLog::lkError);
+      return;
+    }
+    Listening.store(true);
+    if (!ConnectNamedPipe(FHandle, nullptr)) {
+      klLog::AddToEventLog("TReadPipeThread.Execute: ConnectNamedPipe failed", klLog::lkWarning);
+      return;
+    }
+    ProcessOnConnect();
+    std::unique_ptr<uint8_t[]> buffer(new uint8_t[kReadPieceSize]);
+    bool peeked = false;
+    for (;;) {
+      if (Terminated()) return;  // asked to stop: no disconnect event
+      Sleep(0);
+      if (Pipe->GetSizeToRead() >= BufferLevel.load()) {
+        // The consumer is behind: wait for it instead of growing the queue.
+        Sleep(static_cast<DWORD>(Interval));
+        continue;
+      }
+      DWORD available = 0;
+      if (!PeekNamedPipe(FHandle, nullptr, 0, nullptr, &available, nullptr)) {
+        if (peeked && GetLastError() == ERROR_BROKEN_PIPE) break;
+        continue;
+      }
+      peeked = true;
+      if (available == 0) continue;
+      DWORD got = 0;
+      if (!ReadFile(FHandle, buffer.get(), std::min(available, kReadPieceSize), &got, nullptr)) {
+        if (GetLastError() == ERROR_BROKEN_PIPE) break;
+        continue;
+      }
+      if (got == 0) continue;
+      Pipe->Write(buffer.get(), static_cast<int32_t>(got));
+      if (OnData) OnData(this);
+    }
+    ProcessOnDisconnect();
+  } catch (...) {
+    klLog::AddToEventLog("TReadPipeThread.Execute: " + ExceptionText(std::current_exception()), klLog::lkError);
+  }
+}
+
+// --- TNamedPipe ---------------------------------------------------------------------
+
+HANDLE TNamedPipe::CreateInstance(const std::string& PipeName) {
+  // Duplex and overlapped as the clients (ffmpeg among them) expect; one instance so
+  // that a second server of the same name fails and takes a numbered name instead.
+  return CreateNamedPipeA(PipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 4096, 4096, 0, nullptr);
+}
+
+TNamedPipe::TNamedPipe(const std::string& AName, int32_t AInterval) : Interval(std::max(0, AInterval)) {
+  std::string base = AName;
+  if (CompareStringA(LOCALE_INVARIANT, NORM_IGNORECASE, base.c_str(), static_cast<int>(std::min(base.size(), sizeof(kPipePrefix) - 1)),
+                     kPipePrefix, static_cast<int>(sizeof(kPipePrefix) - 1)) != CSTR_EQUAL) {
+    base = kPipePrefix + base;
+  }
+  Name = base;
+  Pipe = MakeInterface<IPipe, TPipe>(kNamedPipeBlockSize);
+  if (!Pipe) throw std::bad_alloc();
+  FHandle = CreateInstance(Name);
+  if (FHandle == INVALID_HANDLE_VALUE) {
+    klLog::AddToEventLog("TNamedPipe.Create: Не удалось создать PIPE " + AName, klLog::lkWarning);
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<int> number(0, 99999);
+    // A name can be refused for reasons no number cures (a bad character, no
+    // resources): give up after many tries rather than spin for ever.
+    for (int attempt = 0; attempt < 100000 && FHandle == INVALID_HANDLE_VALUE; ++attempt) {
+      Name = base + std::to_string(number(random));
+      FHandle = CreateInstance(Name);
+    }
+    if (FHandle == INVALID_HANDLE_VALUE) Name = base;
+  }
+  FThread.reset(new TReadPipeThread(FHandle, 0x10000, Interval, Pipe));
+  FThread->OnConnect = [this](void* Sender) { InnerOnConnect(Sender); };
+  FThread->OnData = [this](void* Sender) { InnerOnData(Sender); };
+  FThread->OnDisconnect = [this](void* Sender) { InnerOnDisconnect(Sender); };
+  FThread->Start();
+  const ULONGLONG start = GetTickCount64();
+  while (!FThread->Finished() && !FThread->GetListening() && GetTickCount64() - start < 5000) Sleep(1);
+}
+
+TNamedPipe::~TNamedPipe() {
+  FThread->Terminate();
+  if (FHandle != INVALID_HANDLE_VALUE) DisconnectNamedPipe(FHandle);
+  ReleaseListener();
+  FThread.reset();
+  if (FHandle != INVALID_HANDLE_VALUE) CloseHandle(FHandle);
+}
+
+void TNamedPipe::ReleaseListener() {
+  // A thread still blocked in ConnectNamedPipe would keep the destructor waiting for
+  // a client that may never come: cancel its wait, and connect to the pipe ourselves
+  // where cancelling is not supported. The thread then sees the termination request.
+  if (FHandle == INVALID_HANDLE_VALUE) return;
+  const ULONGLONG start = GetTickCount64();
+  while (!FThread->Finished() && GetTickCount64() - start < 10000) {
+    if (FThread->GetListening()) {
+      CancelSynchronousIo(FThread->Handle());
+      HANDLE client = CreateFileA(Name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+      if (client != INVALID_HANDLE_VALUE) CloseHandle(client);
+    }
+    WaitForSingleObject(FThread->Handle(), 20);
+  }
+}
+
+int32_t STDMETHODCALLTYPE TNamedPipe::Read(void* Buffer, int32_t Count) {
+  const int32_t n = std::min(GetSizeToRead(), Count);
+  if (n < 1) return 0;
+  return Pipe->Read(Buffer, n);
+}
+
+int32_t STDMETHODCALLTYPE TNamedPipe::Write(const void* /*Buffer*/, int32_t /*Count*/) { return 0; }
+
+std::string STDMETHODCALLTYPE TNamedPipe::GetName() { return Name; }
+
+int32_t STDMETHODCALLTYPE TNamedPipe::GetSizeToRead() { return Pipe->GetSizeToRead(); }
+
+bool STDMETHODCALLTYPE TNamedPipe::GetConnected() { return Connected.load(); }
+
+bool STDMETHODCALLTYPE TNamedPipe::GetDisconnected() { return Disconnected.load(); }
+
+int32_t STDMETHODCALLTYPE TNamedPipe::GetBufferLevel() { return FThread->GetBufferLevel(); }
+
+void STDMETHODCALLTYPE TNamedPipe::SetBufferLevel(int32_t Level) { FThread->SetBufferLevel(Level); }
+
+std::string STDMETHODCALLTYPE TNamedPipe::GetText() {
+  std::string s;
+  Pipe->Lock();
+  s.resize(static_cast<size_t>(Pipe->GetSizeToRead()));
+  s.resize(static_cast<size_t>(Pipe->Read(s.data(), static_cast<int32_t>(s.size()))));
+  Pipe->Unlock();
+  return s;
+}
+
+bool STDMETHODCALLTYPE TNamedPipe::WaitForData(int32_t Size, uint32_t Timeout) {
+  // The reader must not stop short of the amount awaited.
+  FThread->SetBufferLevel(std::max(FThread->GetBufferLevel(), Size));
+  const DWORD start = GetTickCount();
+  for (;;) {
+    if (GetSizeToRead() >= Size) return true;
+    if (Disconnected.load()) {
+      klLog::AddToEventLog("TNamedPipe.WaitForData: Disconnected", klLog::lkWarning);
+      return false;
+    }
+    Sleep(static_cast<DWORD>(Interval));
+    if (GetTickCount() - start > Timeout) break;
+  }
+  klLog::AddToEventLog(Format("TNamedPipe.WaitForData: Timeout - Size: %d  DataSize: %d", GetSizeToRead(), Size),
+                       klLog::lkWarning);
+  return false;
+}
+
+TPipeEvent STDMETHODCALLTYPE TNamedPipe::GetOnConnect() {
+  TGuard guard(FEventLock);
+  return OnConnect;
+}
+TPipeEvent STDMETHODCALLTYPE TNamedPipe::GetOnData() {
+  TGuard guard(FEventLock);
+  return OnData;
+}
+TPipeEvent STDMETHODCALLTYPE TNamedPipe::GetOnDisconnect() {
+  TGuard guard(FEventLock);
+  return OnDisconnect;
+}
+void STDMETHODCALLTYPE TNamedPipe::SetOnConnect(TPipeEvent Value) {
+  TGuard guard(FEventLock);
+  OnConnect = std::move(Value);
+}
+void STDMETHODCALLTYPE TNamedPipe::SetOnDisconnect(TPipeEvent Value) {
+  TGuard guard(FEventLock);
+  OnDisconnect = std::move(Value);
+}
+void STDMETHODCALLTYPE TNamedPipe::SetOnData(TPipeEvent Value) {
+  TGuard guard(FEventLock);
+  OnData = std::move(Value);
+}
+
+void TNamedPipe::InnerOnConnect(void* /*Sender*/) {
+  Connected.store(true);
+  TPipeEvent handler = GetOnConnect();
+  if (handler) handler(this);
+}
+
+void TNamedPipe::InnerOnData(void* /*Sender*/) {
+  TPipeEvent handler = GetOnData();
+  if (handler) handler(this);
+}
+
+void TNamedPipe::InnerOnDisconnect(void* /*Sender*/) {
+  Disconnected.store(true);
+  TPipeEvent handler = GetOnDisconnect();
+  if (handler) handler(this);
+}
 
 }  // namespace kl::UPipe

@@ -1,11 +1,14 @@
 // In-process byte queues: a list of equal blocks that grows on demand and recycles
 // used-up blocks at its tail, used between producer and consumer threads (IPipe /
-// TPipe), and a stream facade over such a queue (TPipeStream).
+// TPipe), a stream facade over such a queue (TPipeStream), and the server end of an
+// inbound named pipe whose reader thread fills such a queue (TNamedPipe).
 #pragma once
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -198,6 +201,155 @@ class TPipeStream : public TStream, public TInterfacedObject<IUnknown> {
 
  private:
   ComPtr<IPipe> FPipe;
+};
+
+// --- named pipe server ---------------------------------------------------------------
+// Events of the named pipe and its reader thread: Sender is the TNamedPipe (for the
+// pipe's own events) or the TReadPipeThread that raised them.
+using TPipeEvent = std::function<void(void* Sender)>;
+
+struct IReadWrite;
+struct INamedPipe;
+struct INamedPipe2;
+
+}  // namespace kl::UPipe
+
+KL_DECLARE_IID(kl::UPipe::IReadWrite, "59D57A49-DD6B-40C3-8887-93290586F525", 0x59D57A49, 0xDD6B, 0x40C3, 0x88,
+               0x87, 0x93, 0x29, 0x05, 0x86, 0xF5, 0x25)
+KL_DECLARE_IID(kl::UPipe::INamedPipe, "E6C6A6AC-51E6-47C2-B896-6F5698C981F0", 0xE6C6A6AC, 0x51E6, 0x47C2, 0xB8,
+               0x96, 0x6F, 0x56, 0x98, 0xC9, 0x81, 0xF0)
+KL_DECLARE_IID(kl::UPipe::INamedPipe2, "E4146E98-12A1-4F71-9C5E-5BA3778E03FE", 0xE4146E98, 0x12A1, 0x4F71, 0x9C,
+               0x5E, 0x5B, 0xA3, 0x77, 0x8E, 0x03, 0xFE)
+
+namespace kl::UPipe {
+
+// The smallest view of a byte channel: what a consumer that only moves bytes needs.
+struct IReadWrite : public IUnknown {
+  virtual int32_t STDMETHODCALLTYPE Read(void* Buffer, int32_t Count) = 0;
+  virtual int32_t STDMETHODCALLTYPE Write(const void* Buffer, int32_t Count) = 0;
+
+ protected:
+  ~IReadWrite() = default;
+};
+
+// The server end of an inbound named pipe, read as a queue.
+struct INamedPipe : public IUnknown {
+  // Takes up to Count bytes of what has arrived, without waiting.
+  virtual int32_t STDMETHODCALLTYPE Read(void* Buffer, int32_t Count) = 0;
+  // The pipe is inbound: does nothing and returns 0.
+  virtual int32_t STDMETHODCALLTYPE Write(const void* Buffer, int32_t Count) = 0;
+  // The full name ("\\.\pipe\..."), to be handed to the client.
+  virtual std::string STDMETHODCALLTYPE GetName() = 0;
+  virtual int32_t STDMETHODCALLTYPE GetSizeToRead() = 0;
+  // True as soon as Size bytes are queued; false (and a log line) when the client has
+  // gone with less queued, or after Timeout ms.
+  virtual bool STDMETHODCALLTYPE WaitForData(int32_t Size, uint32_t Timeout) = 0;
+  // Takes everything queued now.
+  virtual std::string STDMETHODCALLTYPE GetText() = 0;
+  virtual TPipeEvent STDMETHODCALLTYPE GetOnConnect() = 0;
+  virtual TPipeEvent STDMETHODCALLTYPE GetOnData() = 0;
+  virtual TPipeEvent STDMETHODCALLTYPE GetOnDisconnect() = 0;
+  // The events run on the reader thread; set them before the client connects.
+  virtual void STDMETHODCALLTYPE SetOnConnect(TPipeEvent Value) = 0;
+  virtual void STDMETHODCALLTYPE SetOnDisconnect(TPipeEvent Value) = 0;
+  virtual void STDMETHODCALLTYPE SetOnData(TPipeEvent Value) = 0;
+  virtual bool STDMETHODCALLTYPE GetConnected() = 0;
+
+ protected:
+  ~INamedPipe() = default;
+};
+
+// What the stream classes hold: the queue view plus the state a reader needs to tell
+// "nothing yet" from "nothing more" without an event, and control over how far the
+// reader thread runs ahead.
+struct INamedPipe2 : public INamedPipe {
+  using TParent = INamedPipe;
+  // True once the client has closed its end (what it sent may still be queued).
+  virtual bool STDMETHODCALLTYPE GetDisconnected() = 0;
+  // The reader thread stops taking data while this many bytes are queued.
+  virtual int32_t STDMETHODCALLTYPE GetBufferLevel() = 0;
+  virtual void STDMETHODCALLTYPE SetBufferLevel(int32_t Level) = 0;
+
+ protected:
+  ~INamedPipe2() = default;
+};
+
+// Accepts the one client of a named pipe and copies what it sends into a queue.
+class TReadPipeThread : public TThread {
+ public:
+  // Made suspended; Start() runs it.
+  TReadPipeThread(HANDLE Handle, int32_t BufferLevel, int32_t Interval, ComPtr<IPipe> Pipe);
+  ~TReadPipeThread() override;
+
+  void SetBufferLevel(int32_t Level);
+  int32_t GetBufferLevel() const { return BufferLevel.load(); }
+  bool GetListening() const { return Listening.load(); }
+
+  TPipeEvent OnDisconnect;
+  TPipeEvent OnConnect;
+  TPipeEvent OnData;
+
+ protected:
+  void Execute() override;
+  void ProcessOnConnect();
+  void ProcessOnDisconnect();
+
+ private:
+  ComPtr<IPipe> Pipe;
+  HANDLE FHandle;
+  std::atomic<int32_t> BufferLevel{0x10000};
+  uint8_t FReserved[20] = {};
+  int32_t Interval;
+  std::atomic<bool> Listening{false};
+};
+
+// The server end of a local inbound named pipe with a reader thread. Make it with new
+// and hold it in a ComPtr<INamedPipe2>; the object is ready (its thread waiting for
+// the client) when the constructor returns.
+class TNamedPipe : public TInterfacedObject<INamedPipe2, IReadWrite> {
+ public:
+  // Name without the "\\.\pipe\" prefix gets it. When the name is taken, a random
+  // number is appended until creation succeeds: take the name from GetName.
+  TNamedPipe(const std::string& Name, int32_t Interval);
+  ~TNamedPipe() override;
+
+  int32_t STDMETHODCALLTYPE Read(void* Buffer, int32_t Count) override;
+  int32_t STDMETHODCALLTYPE Write(const void* Buffer, int32_t Count) override;
+  std::string STDMETHODCALLTYPE GetName() override;
+  int32_t STDMETHODCALLTYPE GetSizeToRead() override;
+  bool STDMETHODCALLTYPE WaitForData(int32_t Size, uint32_t Timeout) override;
+  std::string STDMETHODCALLTYPE GetText() override;
+  TPipeEvent STDMETHODCALLTYPE GetOnConnect() override;
+  TPipeEvent STDMETHODCALLTYPE GetOnData() override;
+  TPipeEvent STDMETHODCALLTYPE GetOnDisconnect() override;
+  void STDMETHODCALLTYPE SetOnConnect(TPipeEvent Value) override;
+  void STDMETHODCALLTYPE SetOnDisconnect(TPipeEvent Value) override;
+  void STDMETHODCALLTYPE SetOnData(TPipeEvent Value) override;
+  bool STDMETHODCALLTYPE GetConnected() override;
+  bool STDMETHODCALLTYPE GetDisconnected() override;
+  int32_t STDMETHODCALLTYPE GetBufferLevel() override;
+  void STDMETHODCALLTYPE SetBufferLevel(int32_t Level) override;
+
+ private:
+  void InnerOnConnect(void* Sender);
+  void InnerOnData(void* Sender);
+  void InnerOnDisconnect(void* Sender);
+  HANDLE CreateInstance(const std::string& PipeName);
+  // Wakes a reader thread still blocked waiting for a client, so that it can end.
+  void ReleaseListener();
+
+  std::string Name;
+  ComPtr<IPipe> Pipe;
+  HANDLE FHandle = INVALID_HANDLE_VALUE;
+  std::unique_ptr<TReadPipeThread> FThread;
+  // Guards the three events against being swapped while the reader thread calls them.
+  TCriticalSection FEventLock;
+  TPipeEvent OnDisconnect;
+  TPipeEvent OnConnect;
+  TPipeEvent OnData;
+  int32_t Interval;
+  std::atomic<bool> Disconnected{false};
+  std::atomic<bool> Connected{false};
 };
 
 }  // namespace kl::UPipe

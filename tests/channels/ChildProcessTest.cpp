@@ -1,0 +1,251 @@
+// The child process against real children: this executable in child roles and
+// ffmpeg.exe (its banner on standard error, raw video on standard output).
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ChannelsTestUtil.h"
+#include "KlTest.h"
+#include "ProcessTestRoles.h"
+#include "channels/klChildProcess.h"
+
+using namespace kl::klChildProcess;
+using chproc::ChildCommand;
+using chproc::TStopwatch;
+using chtest::LogOf;
+using kl::ComPtr;
+
+namespace {
+
+// "\r", "\n" and "\0" in role arguments stand for those bytes.
+std::string Unescape(const std::string& S) {
+  std::string r;
+  for (size_t i = 0; i < S.size(); ++i) {
+    if (S[i] == '\\' && i + 1 < S.size()) {
+      const char c = S[++i];
+      r += c == 'r' ? '\r' : c == 'n' ? '\n' : c == '0' ? '\0' : c;
+    } else {
+      r += S[i];
+    }
+  }
+  return r;
+}
+
+void Put(FILE* F, const std::string& S) {
+  fwrite(S.data(), 1, S.size(), F);
+  fflush(F);
+}
+
+ComPtr<IChildProcess3> Start(const std::string& Role, const std::vector<std::string>& Args) {
+  return TChildProcess::Create(ChildCommand(Role, Args));
+}
+
+}  // namespace
+
+// Args: pieces for standard output and standard error (escaped), then optionally the
+// exit code and a pause in ms between the pieces of standard output (split at '|').
+KL_CHILD_ROLE(emit) {
+  const DWORD pause = Args.size() > 3 ? static_cast<DWORD>(std::stoul(Args[3])) : 0;
+  std::string out = Args[0];
+  for (size_t bar; (bar = out.find('|')) != std::string::npos; out.erase(0, bar + 1)) {
+    Put(stdout, Unescape(out.substr(0, bar)));
+    Sleep(pause);
+  }
+  Put(stdout, Unescape(out));
+  Put(stderr, Unescape(Args[1]));
+  return Args.size() > 2 ? std::stoi(Args[2]) : 0;
+}
+
+// Copies standard input to standard output until end of input, then prints "EOF".
+KL_CHILD_ROLE(echo) {
+  (void)Args;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, stdin)) > 0) Put(stdout, std::string(buf, n));
+  Put(stdout, "EOF");
+  return 0;
+}
+
+// Sleeps Args[0] ms, writing nothing.
+KL_CHILD_ROLE(sleep) {
+  Sleep(static_cast<DWORD>(std::stoul(Args[0])));
+  return 0;
+}
+
+// Writes the test pattern to standard output for ever.
+KL_CHILD_ROLE(flood) {
+  (void)Args;
+  for (uint64_t sent = 0;; sent += 4096) Put(stdout, chtest::Pattern(sent, 4096));
+}
+
+TEST(ChildProcess, ReadLineEndsAtCarriageReturns) {
+  auto child = Start("emit", {"abc\\r\\ndef\\r", ""});
+  ASSERT_TRUE(child);
+  ComPtr<IReadable2> out = child->GetStdOut();
+  EXPECT_EQ(out->ReadLine(), "abc\r");
+  EXPECT_EQ(out->ReadLine(), "\ndef\r");
+  EXPECT_TRUE(out->GetConnected());
+  EXPECT_EQ(out->ReadLine(), "");
+  EXPECT_FALSE(out->SetTimeout(-1));
+  EXPECT_TRUE(out->SetTimeout(0));
+  char b;
+  EXPECT_EQ(out->Read(&b, 0, 1000), 0);
+  EXPECT_EQ(out->Read(nullptr, 1, 1000), 0);
+}
+
+TEST(ChildProcess, TimeOutMeasuresSilenceAndAnExitEndsTheWait) {
+  {
+    // Nothing ever written: the full time-out passes even though the child is gone.
+    auto child = Start("emit", {"", ""});
+    ASSERT_TRUE(child);
+    TStopwatch w;
+    EXPECT_EQ(child->ReadFromChildStdout(700), "");
+    EXPECT_GE(w.Ms(), 600u);
+    EXPECT_FALSE(child->GetStdOut()->GetConnected());
+  }
+  {
+    // Pauses of 300 ms within a 2000 ms time-out: one read gets everything, and the
+    // exit ends it without waiting out the time-out again.
+    auto child = Start("emit", {"a|b|c", "", "0", "300"});
+    ASSERT_TRUE(child);
+    TStopwatch w;
+    EXPECT_EQ(child->ReadFromChildStdout(20000), "abc");
+    EXPECT_LT(w.Ms(), 15000u);
+  }
+  {
+    // A pause longer than the time-out ends the read early.
+    auto child = Start("emit", {"a|b", "", "0", "3000"});
+    ASSERT_TRUE(child);
+    EXPECT_EQ(child->ReadFromChildStdout(1500), "a");
+    char buf[16] = {};
+    EXPECT_EQ(child->GetStdOut()->Read(buf, 16, 100), 0);
+    EXPECT_TRUE(child->ReadFromChildStdout(buf, 16, 5000));
+    EXPECT_EQ(buf[0], 'b');
+  }
+}
+
+TEST(ChildProcess, StandardErrorAndAvailableData) {
+  auto child = Start("emit", {"out", "err\\r\\n", "0"});
+  ASSERT_TRUE(child);
+  EXPECT_EQ(child->ReadFromChildStderr(5000), "err\r\n");
+  ComPtr<IReadable2> out = child->GetStdOut();
+  EXPECT_EQ(out->ReadAvailabe(), "out");
+  char buf[4];
+  EXPECT_EQ(out->ReadAvailabe(buf, 4), 0);
+  EXPECT_EQ(out->ReadAvailabe(nullptr, 4), 0);
+}
+
+TEST(ChildProcess, ClosingStandardInputEndsTheChildsInput) {
+  auto child = Start("echo", {});
+  ASSERT_TRUE(child);
+  EXPECT_TRUE(child->WriteToChild(std::string("hello\0ignored", 13)));
+  EXPECT_TRUE(child->WriteToChild("bin", 3));
+  EXPECT_FALSE(child->WriteToChild(nullptr, 3));
+  child->ClosePipe(0);
+  EXPECT_FALSE(child->WriteToChild("x"));
+  EXPECT_EQ(child->ReadFromChildStdout(10000), "hello\r\nbinEOF");
+  child->ClosePipe(7);
+  child->ClosePipe(1);
+  EXPECT_EQ(child->ReadFromChildStdout(100), "");
+}
+
+TEST(ChildProcess, CloseWaitsThreeSecondsAndLeavesTheChildRunning) {
+  auto child = Start("sleep", {"60000"});
+  ASSERT_TRUE(child);
+  const DWORD pid = GetProcessId(child->GetProc());
+  TStopwatch w;
+  child->Close();
+  EXPECT_GE(w.Ms(), 2900u);
+  EXPECT_LT(w.Ms(), 10000u);
+  EXPECT_EQ(child->GetProc(), nullptr);
+  EXPECT_FALSE(child->GetStdOut());
+  EXPECT_TRUE(chproc::ProcessRunning(pid));
+  chproc::KillProcess(pid);
+}
+
+TEST(ChildProcess, CommandsThatCannotStart) {
+  ComPtr<IChildProcess3> child;
+  std::string log = LogOf([&] { child = TChildProcess::Create(""); });
+  EXPECT_FALSE(child);
+  EXPECT_EQ(log.find("CreateChild: "), std::string::npos) << log;
+  EXPECT_NE(log.find("TChildProcess.Create: Child.CreateChild failed \"\""), std::string::npos) << log;
+
+  const std::string bad = "C:\\no\\such\\program.exe -x";
+  log = LogOf([&] { child = TChildProcess::Create(bad); });
+  EXPECT_FALSE(child);
+  EXPECT_NE(log.find("e  TChildProcess.CreateChild: Не удалось запустить процесс\r\n\"" + bad + "\""), std::string::npos)
+      << log;
+  EXPECT_NE(log.find("e  TChildProcess.Create: Child.CreateChild failed \"" + bad + "\""), std::string::npos) << log;
+
+  EXPECT_FALSE(RunAndWait(""));
+  log = LogOf([&] { EXPECT_FALSE(RunAndWait(bad)); });
+  EXPECT_NE(log.find("klChildProcess.RunAndWait: create process failed: " + bad + "  LastError: "), std::string::npos)
+      << log;
+}
+
+TEST(ChildProcess, RunAndWaitWritesOverTheOutputFile) {
+  kltest::TTempDir dir;
+  const std::string file = dir / "out.txt";
+  ASSERT_TRUE(kltest::WriteFileBytes(file, std::string(20, 'x')));
+  uint32_t code = 0;
+  ASSERT_TRUE(RunAndWait(ChildCommand("emit", {"hello", "ignored", "7"}), file, &code));
+  EXPECT_EQ(code, 7u);
+  EXPECT_EQ(kltest::ReadFileBytes(file), "hello" + std::string(15, 'x'));
+  EXPECT_TRUE(RunAndWait(ChildCommand("emit", {"", "", "3"})));
+}
+
+TEST(ChildProcess, FfmpegBannerAndRawVideo) {
+  kltest::TTempDir dir;
+  const std::string wav = dir / "tone.wav";
+  ASSERT_TRUE(kltest::WriteFileBytes(wav, kltest::MakeWav(2, 44100, 16, std::string(44100, '\0'))));
+  {
+    auto child = TChildProcess::Create(kltest::Quote(kltest::FfmpegExe()) + " -hide_banner -i " + kltest::Quote(wav));
+    ASSERT_TRUE(child);
+    std::string err;
+    for (int i = 0; i < 50 && err.find("Stream #0") == std::string::npos; ++i) err += child->ReadFromChildStderr(1000);
+    EXPECT_NE(err.find("Input #0, wav"), std::string::npos) << err;
+    EXPECT_NE(err.find("Audio: pcm_s16le"), std::string::npos) << err;
+  }
+  const std::string source = " -f lavfi -i testsrc=size=32x24:rate=25 -frames:v 20 -f rawvideo -pix_fmt rgb32 ";
+  ASSERT_EQ(kltest::Ffmpeg(source + kltest::Quote(dir / "f.raw")).ExitCode, 0u);
+  const std::string expected = kltest::ReadFileBytes(dir / "f.raw");
+  auto child = TChildProcess::Create(kltest::Quote(kltest::FfmpegExe()) + " -hide_banner" + source + "-");
+  ASSERT_TRUE(child);
+  std::string got(expected.size() + 100, '\0');
+  got.resize(static_cast<size_t>(child->GetStdOut()->Read(got.data(), static_cast<int32_t>(got.size()), 10000)));
+  EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size();
+}
+
+TEST(ChildProcess, KilledChildDeadStreamsAndHandles) {
+  const DWORD before = chproc::HandleCount();
+  {
+    auto child = Start("flood", {});
+    ASSERT_TRUE(child);
+    ComPtr<IReadable2> out = child->GetStdOut();
+    std::vector<char> buf(100000);
+    ASSERT_EQ(out->Read(buf.data(), 100000, 10000), 100000);
+    EXPECT_TRUE(chtest::Matches(buf.data(), 0, 100000));
+    TerminateProcess(child->GetProc(), 9);
+    // Whatever was still in the pipe comes, then the broken pipe ends the read.
+    TStopwatch w;
+    std::string rest;
+    for (int i = 0; i < 100 && w.Ms() < 20000; ++i) {
+      const std::string s = out->Read(2000);
+      if (s.empty()) break;
+      rest += s;
+    }
+    EXPECT_LT(w.Ms(), 20000u);
+    EXPECT_TRUE(chtest::Matches(rest.data(), 100000, rest.size()));
+    // The stream outlives the process object and closes its handle itself.
+    child.Reset();
+    EXPECT_EQ(out->Read(buf.data(), 10, 100), 0);
+  }
+  for (int i = 0; i < 3; ++i) {
+    auto child = Start("emit", {"x", "y"});
+    ASSERT_TRUE(child);
+    EXPECT_EQ(child->ReadFromChildStdout(5000), "x");
+  }
+  // Each child leaves exactly its thread handle behind, no more.
+  EXPECT_LE(chproc::HandleCount(), before + 4);
+}

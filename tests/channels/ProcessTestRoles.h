@@ -1,0 +1,63 @@
+// Helpers for the tests of the named pipe server and the child process: command lines
+// of this executable in a child role, the process's handle count, and a stopwatch.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "KlTest.h"
+
+namespace chproc {
+
+inline std::string ChildCommand(const std::string& Role, const std::vector<std::string>& Args) {
+  std::string cmd = kltest::Quote(kltest::SelfExe()) + " --kl-child " + Role;
+  for (const auto& a : Args) cmd += " " + kltest::Quote(a);
+  return cmd;
+}
+
+inline DWORD HandleCount() {
+  DWORD n = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &n);
+  return n;
+}
+
+// Milliseconds since construction.
+class TStopwatch {
+ public:
+  TStopwatch() : FStart(GetTickCount64()) {}
+  ULONGLONG Ms() const { return GetTickCount64() - FStart; }
+
+ private:
+  ULONGLONG FStart;
+};
+
+// Polls Cond every 5 ms for at most TimeoutMs.
+template <class F>
+bool WaitUntil(F&& Cond, DWORD TimeoutMs) {
+  TStopwatch w;
+  while (!Cond()) {
+    if (w.Ms() > TimeoutMs) return false;
+    Sleep(5);
+  }
+  return true;
+}
+
+inline bool ProcessRunning(DWORD Pid) {
+  HANDLE h = OpenProcess(SYNCHRONIZE, FALSE, Pid);
+  if (h == nullptr) return false;
+  const bool running = WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  CloseHandle(h);
+  return running;
+}
+
+inline void KillProcess(DWORD Pid) {
+  HANDLE h = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, Pid);
+  if (h == nullptr) return;
+  TerminateProcess(h, 9);
+  WaitForSingleObject(h, 5000);
+  CloseHandle(h);
+}
+
+}  // namespace chproc
