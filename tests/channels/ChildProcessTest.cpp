@@ -2,6 +2,9 @@
 // ffmpeg.exe (its banner on standard error, raw video on standard output).
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include <string>
 #include <vector>
 
@@ -60,6 +63,7 @@ KL_CHILD_ROLE(emit) {
 // Copies standard input to standard output until end of input, then prints "EOF".
 KL_CHILD_ROLE(echo) {
   (void)Args;
+  _setmode(_fileno(stdin), _O_BINARY);
   char buf[4096];
   size_t n;
   while ((n = fread(buf, 1, sizeof buf, stdin)) > 0) Put(stdout, std::string(buf, n));
@@ -174,9 +178,9 @@ TEST(ChildProcess, CommandsThatCannotStart) {
   const std::string bad = "C:\\no\\such\\program.exe -x";
   log = LogOf([&] { child = TChildProcess::Create(bad); });
   EXPECT_FALSE(child);
-  EXPECT_NE(log.find("e  TChildProcess.CreateChild: Не удалось запустить процесс\r\n\"" + bad + "\""), std::string::npos)
+  EXPECT_NE(log.find("E  TChildProcess.CreateChild: Не удалось запустить процесс\r\n\"" + bad + "\""), std::string::npos)
       << log;
-  EXPECT_NE(log.find("e  TChildProcess.Create: Child.CreateChild failed \"" + bad + "\""), std::string::npos) << log;
+  EXPECT_NE(log.find("E  TChildProcess.Create: Child.CreateChild failed \"" + bad + "\""), std::string::npos) << log;
 
   EXPECT_FALSE(RunAndWait(""));
   log = LogOf([&] { EXPECT_FALSE(RunAndWait(bad)); });
