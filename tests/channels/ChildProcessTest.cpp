@@ -222,6 +222,7 @@ TEST(ChildProcess, FfmpegBannerAndRawVideo) {
 }
 
 TEST(ChildProcess, KilledChildDeadStreamsAndHandles) {
+  kl::klLog::AddToEventLog("handle count baseline", kl::klLog::lkInformation);  // opens the log file
   const DWORD before = chproc::HandleCount();
   {
     auto child = Start("flood", {});

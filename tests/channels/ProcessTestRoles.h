@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,15 @@ inline std::string ChildCommand(const std::string& Role, const std::vector<std::
   return cmd;
 }
 
+// The process's open handles. Wine reports 0 from GetProcessHandleCount, so the
+// handle table is probed instead (handle values are multiples of 4).
 inline DWORD HandleCount() {
   DWORD n = 0;
-  GetProcessHandleCount(GetCurrentProcess(), &n);
+  if (GetProcessHandleCount(GetCurrentProcess(), &n) && n > 0) return n;
+  for (uintptr_t h = 4; h < 0x10000; h += 4) {
+    DWORD flags = 0;
+    if (GetHandleInformation(reinterpret_cast<HANDLE>(h), &flags)) ++n;
+  }
   return n;
 }
 
