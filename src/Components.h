@@ -15,6 +15,8 @@
 #include "channels/UMemoryBuffer.h"
 #include "channels/UPipe.h"
 
+#include "conversion/UAudioConverter.h"
+
 #include "formats/UMp3.h"
 #include "formats/UWAV.h"
 #include "formats/UklMP3.h"
