@@ -96,6 +96,16 @@ BOOL CALLBACK FormatEnumCallback(HACMDRIVERID, LPACMFORMATDETAILSA Details, DWOR
   return TRUE;
 }
 
+// Rates, sizes and channels that a codec can divide by; a PCM record whose block and
+// byte rate follow from its channels, depth and rate.
+bool PlausibleFormat(const WAVEFORMATEX* F) {
+  if (F->nChannels == 0 || F->nSamplesPerSec == 0 || F->nAvgBytesPerSec == 0 || F->nBlockAlign == 0) return false;
+  if (F->wFormatTag != kPcmTag) return true;
+  const uint16_t bits = F->wBitsPerSample;
+  return (bits == 8 || bits == 16 || bits == 24 || bits == 32) && F->nBlockAlign == F->nChannels * bits / 8 &&
+         F->nAvgBytesPerSec == static_cast<DWORD>(F->nBlockAlign) * F->nSamplesPerSec;
+}
+
 uint32_t Distance(uint32_t A, uint32_t B) { return A > B ? A - B : B - A; }
 
 }  // namespace
@@ -370,7 +380,15 @@ bool TAcmConverter::Open() {
     ShowMessageBox(nullptr, "acmFormatSuggest error", "", MB_OK);
     return false;
   }
-  MMRESULT r = acmStreamOpen(&FStream, nullptr, in, out, nullptr, 0, 0, ACM_STREAMOPENF_NONREALTIME);
+  if (out->wFormatTag == kPcmTag) {
+    // The match may take a byte rate of another depth; the stream needs a PCM record
+    // that agrees with itself.
+    out->nBlockAlign = static_cast<uint16_t>(out->nChannels * out->wBitsPerSample / 8);
+    out->nAvgBytesPerSec = static_cast<DWORD>(out->nBlockAlign) * out->nSamplesPerSec;
+  }
+  // Some codecs assert rather than fail on records like these.
+  MMRESULT r = PlausibleFormat(in) && PlausibleFormat(out) ? 0 : ACMERR_NOTPOSSIBLE;
+  if (r == 0) r = acmStreamOpen(&FStream, nullptr, in, out, nullptr, 0, 0, ACM_STREAMOPENF_NONREALTIME);
   if (r != 0) {
     FStream = nullptr;
     Fail("acmStreamOpen ERROR: " + AcmErrorText(r));
@@ -387,7 +405,7 @@ bool TAcmConverter::Open() {
       return false;
     }
     dst = out->nAvgBytesPerSec / 10;
-    r = acmStreamSize(FStream, dst, &src, ACM_STREAMSIZEF_DESTINATION);
+    r = dst == 0 ? 0 : acmStreamSize(FStream, dst, &src, ACM_STREAMSIZEF_DESTINATION);
     if (r != 0) {
       Fail("acmStreamSize Out ERROR: " + AcmErrorText(r));
       Close();
@@ -397,7 +415,7 @@ bool TAcmConverter::Open() {
     src = in->nAvgBytesPerSec / 10;
     // Whole frames only: the codec leaves a broken frame unconverted.
     if (in->nBlockAlign > 0) src -= src % in->nBlockAlign;
-    r = acmStreamSize(FStream, src, &dst, ACM_STREAMSIZEF_SOURCE);
+    r = src == 0 ? 0 : acmStreamSize(FStream, src, &dst, ACM_STREAMSIZEF_SOURCE);
     if (r != 0) {
       Fail("acmStreamSize In ERROR: " + AcmErrorText(r));
       Close();
@@ -452,12 +470,13 @@ bool STDMETHODCALLTYPE TAcmConverter::Write(const void* Data, int32_t DataSize) 
   } catch (const std::bad_alloc&) {
     queued = false;
   }
+  // These two only log: LastError keeps the reason found further in.
   if (!queued) {
-    Fail("Pipe.Write ERROR");
+    AddToConverterLog("Pipe.Write ERROR");
     return false;
   }
   if (!Convert(false)) {
-    Fail("Convert ERROR");
+    AddToConverterLog("Convert ERROR");
     return false;
   }
   return true;

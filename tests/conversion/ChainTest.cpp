@@ -147,6 +147,7 @@ TEST(Chain, FormatChangeRebuildsOnNextWrite) {
   ASSERT_EQ(c->GetSubConverterCount(), 1);
   TBaseAudioConverter* first = c->GetSubConverter(0);
   c->SetInFormat(W(Float32(44100, 1)));
+  c->SetOutFormat(W(Pcm(44100, 1)));
   EXPECT_EQ(c->GetSubConverter(0), first) << "rebuilt before data arrived";
   ASSERT_TRUE(c->Write(v.data(), 256));
   ASSERT_EQ(c->GetSubConverterCount(), 1);
