@@ -16,6 +16,8 @@
 #include "channels/UPipe.h"
 #include "channels/klChildProcess.h"
 
+#include "conversion/UAudioConverter.h"
+
 #include "formats/UMp3.h"
 #include "formats/UWAV.h"
 #include "formats/UklMP3.h"

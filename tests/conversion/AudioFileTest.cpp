@@ -1,0 +1,230 @@
+// File writers: WAV and raw MP3 files read back by ffmpeg.exe, the 18-byte "fmt "
+// chunk, writers that got nothing, rewriting after Finish, and an MP3 writer feeding a
+// named pipe that a server created.
+#include <atomic>
+#include <thread>
+
+#include "ConversionTestUtil.h"
+
+using namespace kltest::conv;
+using kl::ComPtr;
+using kltest::TTempDir;
+
+namespace {
+
+uint32_t U32(const std::string& S, size_t At) {
+  uint32_t v = 0;
+  std::memcpy(&v, S.data() + At, 4);
+  return v;
+}
+
+std::string Bytes16(const std::vector<int16_t>& V) {
+  return std::string(reinterpret_cast<const char*>(V.data()), V.size() * 2);
+}
+
+}  // namespace
+
+TEST(AudioFile, CreateByExtension) {
+  auto mp3 = CreateAudioFile("C:\\x\\Song.MP3");
+  ASSERT_TRUE(mp3);
+  EXPECT_NE(dynamic_cast<TMp3AudioFile*>(mp3.Get()), nullptr);
+  EXPECT_EQ(mp3->GetFileName(), "C:\\x\\Song.MP3");
+  EXPECT_EQ(mp3->GetName().rfind("TMp3AudioFile_", 0), 0u);
+  auto wav = CreateAudioFile("out.Wav");
+  ASSERT_TRUE(wav);
+  EXPECT_NE(dynamic_cast<TWavAudioFile*>(wav.Get()), nullptr);
+  EXPECT_FALSE(CreateAudioFile("music.ogg"));
+  EXPECT_FALSE(CreateAudioFile("noext"));
+  EXPECT_FALSE(CreateAudioFile(""));
+}
+
+TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
+  TTempDir dir;
+  const std::string name = dir / "tone.wav";
+  auto w = CreateAudioFile(name);
+  ASSERT_TRUE(w);
+  EXPECT_FALSE(w->SetFormat(nullptr));
+  ASSERT_TRUE(w->SetFormat(W(Pcm(44100, 2))));
+  const auto tone = kltest::tempo::Tone16(440, 44100, 44100 * 2, 2);
+  const std::string data = Bytes16(tone);
+  for (size_t at = 0; at < data.size(); at += 10000) {
+    ASSERT_TRUE(w->Write(data.data() + at, static_cast<int32_t>(std::min<size_t>(10000, data.size() - at))));
+  }
+  EXPECT_TRUE(w->Write(data.data(), 0));
+  EXPECT_FALSE(w->Write(nullptr, 10));
+  EXPECT_FALSE(w->Write(data.data(), -1));
+  EXPECT_FALSE(w->GetFinished());
+  ASSERT_TRUE(w->Finish());
+  EXPECT_TRUE(w->GetFinished());
+
+  const std::string file = kltest::ReadFileBytes(name);
+  ASSERT_GE(file.size(), 46u);
+  EXPECT_EQ(file.substr(0, 4), "RIFF");
+  EXPECT_EQ(U32(file, 4), file.size() - 8);
+  EXPECT_EQ(file.substr(8, 8), "WAVEfmt ");
+  EXPECT_EQ(U32(file, 16), 18u);
+  EXPECT_EQ(file.substr(38, 4), "data");
+  EXPECT_EQ(U32(file, 42), data.size());
+  EXPECT_EQ(file.substr(46), data);
+
+  const std::string probe = FfmpegProbe(name);
+  EXPECT_NE(probe.find("pcm_s16le"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("44100 Hz, stereo"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("Duration: 00:00:02.00"), std::string::npos) << probe;
+}
+
+TEST(AudioFile, WavFmtChunkIsAlways18Bytes) {
+  TTempDir dir;
+  const std::string name = dir / "extra.wav";
+  ComPtr<TWavAudioFile> w;
+  w = new TWavAudioFile();
+  w->SetFileName(name);
+  auto fmt = Pcm(22050, 1);
+  reinterpret_cast<WAVEFORMATEX*>(fmt.data())->cbSize = 2;
+  fmt.push_back(0x55);
+  fmt.push_back(0x66);
+  ASSERT_TRUE(w->SetFormat(W(fmt)));
+  EXPECT_EQ(GetWaveFormatSize(w->GetFormat()), 20u);
+  const std::string data(4410, '\x01');
+  ASSERT_TRUE(w->Write(data.data(), static_cast<int32_t>(data.size())));
+  ASSERT_TRUE(w->Finish());
+  const std::string file = kltest::ReadFileBytes(name);
+  ASSERT_GE(file.size(), 46u);
+  EXPECT_EQ(U32(file, 16), 18u);
+  EXPECT_EQ(file.substr(20, 16), std::string(reinterpret_cast<const char*>(fmt.data()), 16));
+  EXPECT_EQ(file.substr(38, 4), "data");
+  EXPECT_EQ(U32(file, 42), 4410u);
+  const std::string probe = FfmpegProbe(name);
+  EXPECT_NE(probe.find("22050 Hz, mono"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("Duration: 00:00:00.10"), std::string::npos) << probe;
+}
+
+TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
+  TTempDir dir;
+  for (const char* n : {"none.wav", "none.mp3"}) {
+    auto w = CreateAudioFile(dir / n);
+    ASSERT_TRUE(w);
+    w->SetFormat(W(Pcm(44100, 2)));
+    EXPECT_TRUE(w->Write("", 0));
+    EXPECT_TRUE(w->Finish());
+    EXPECT_TRUE(w->GetFinished());
+    EXPECT_FALSE(kl::FileExists(dir / n)) << n;
+  }
+  // Without a format a WAV writer cannot start a file.
+  ComPtr<TWavAudioFile> w;
+  w = new TWavAudioFile();
+  w->SetFileName(dir / "noformat.wav");
+  EXPECT_FALSE(w->Write("abcd", 4));
+  EXPECT_TRUE(w->Finish());
+  EXPECT_FALSE(kl::FileExists(dir / "noformat.wav"));
+  // Nor into a folder that does not exist.
+  auto m = CreateAudioFile(dir / "missing\\x.mp3");
+  EXPECT_FALSE(m->Write("abcd", 4));
+  auto v = CreateAudioFile(dir / "missing\\x.wav");
+  v->SetFormat(W(Pcm(44100, 2)));
+  EXPECT_FALSE(v->Write("abcd", 4));
+}
+
+TEST(AudioFile, WriteAfterFinishStartsTheFileAgain) {
+  TTempDir dir;
+  auto w = CreateAudioFile(dir / "again.wav");
+  w->SetFormat(W(Pcm(8000, 1)));
+  ASSERT_TRUE(w->Write("11111111", 8));
+  ASSERT_TRUE(w->Finish());
+  ASSERT_TRUE(w->Write("2222", 4));
+  ASSERT_TRUE(w->Finish());
+  std::string file = kltest::ReadFileBytes(dir / "again.wav");
+  EXPECT_EQ(file.substr(46), "2222");
+  EXPECT_EQ(U32(file, 4), file.size() - 8);
+
+  // A new name ends the file in progress first.
+  ASSERT_TRUE(w->Write("3333", 4));
+  w->SetFileName(dir / "next.wav");
+  EXPECT_TRUE(w->GetFinished());
+  file = kltest::ReadFileBytes(dir / "again.wav");
+  EXPECT_EQ(file.substr(46), "3333");
+  EXPECT_EQ(U32(file, 42), 4u);
+}
+
+TEST(AudioFile, Mp3WriterStoresFramesFfmpegReads) {
+  TTempDir dir;
+  const std::string frames = MakeMp3Frames(dir, "src.mp3", 44100, 2, 128);
+  ASSERT_FALSE(frames.empty());
+  const std::string name = dir / "copy.mp3";
+  kltest::WriteFileBytes(name, std::string(100000, 'x'));  // replaced, not appended to
+  auto w = CreateAudioFile(name);
+  for (size_t at = 0; at < frames.size(); at += 4177) {
+    ASSERT_TRUE(w->Write(frames.data() + at, static_cast<int32_t>(std::min<size_t>(4177, frames.size() - at))));
+  }
+  ASSERT_TRUE(w->Finish());
+  EXPECT_EQ(kltest::ReadFileBytes(name), frames);
+  const std::string probe = FfmpegProbe(name);
+  EXPECT_NE(probe.find("Audio: mp3"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("44100 Hz, stereo"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("time=00:00:02.0"), std::string::npos) << probe;
+}
+
+TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
+  TTempDir dir;
+  const std::string frames = MakeMp3Frames(dir, "pipe.mp3", 22050, 1, 64);
+  ASSERT_FALSE(frames.empty());
+  // Mixed case: the prefix is recognised without regard to case.
+  const std::string pipeName = kl::Format("\\\\.\\PIPE\\klConvTest_%lu", GetCurrentProcessId());
+  HANDLE server = CreateNamedPipeA(pipeName.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE | PIPE_WAIT, 1, 65536,
+                                   65536, 0, nullptr);
+  ASSERT_NE(server, INVALID_HANDLE_VALUE);
+  std::string received;
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    ConnectNamedPipe(server, nullptr);
+    char buf[8192];
+    DWORD n = 0;
+    while (ReadFile(server, buf, sizeof buf, &n, nullptr) && n > 0) received.append(buf, n);
+    done = true;
+  });
+  // The pipe's name has no extension: the writer is picked by hand.
+  ComPtr<TMp3AudioFile> m;
+  m = new TMp3AudioFile();
+  m->SetFileName(pipeName);
+  bool ok = true;
+  for (size_t at = 0; at < frames.size(); at += 3000) {
+    ok = m->Write(frames.data() + at, static_cast<int32_t>(std::min<size_t>(3000, frames.size() - at))) && ok;
+  }
+  EXPECT_TRUE(ok);
+  EXPECT_TRUE(m->Finish());
+  for (int i = 0; i < 1000 && !done; ++i) Sleep(10);
+  if (!done) {
+    // Unblock a reader still waiting for a client: it then reads the end of the pipe.
+    HANDLE client = CreateFileA(pipeName.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (client != INVALID_HANDLE_VALUE) CloseHandle(client);
+  }
+  reader.join();
+  CloseHandle(server);
+  EXPECT_TRUE(done);
+  EXPECT_EQ(received, frames);
+  EXPECT_FALSE(kl::FileExists(pipeName));
+}
+
+TEST(AudioFile, ChainIntoWavWriter) {
+  TTempDir dir;
+  const std::string name = dir / "float.wav";
+  ComPtr<TAudioConverter> c;
+  c = new TAudioConverter();
+  auto w = CreateAudioFile(name);
+  const auto out = Pcm(48000, 2);
+  w->SetFormat(W(out));
+  c->SetInFormat(W(Float32(48000, 2)));
+  c->SetOutFormat(W(out));
+  c->SetOutStream(w.Get());
+  const auto tone = kltest::tempo::ToneFloat(1000, 48000, 48000, 2);
+  ASSERT_TRUE(c->Write(tone.data(), static_cast<int32_t>(tone.size() * 4)));
+  ASSERT_TRUE(c->Finish());
+  EXPECT_TRUE(w->GetFinished());
+  const std::string probe = FfmpegProbe(name);
+  EXPECT_NE(probe.find("pcm_s16le"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("48000 Hz, stereo"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("Duration: 00:00:01.00"), std::string::npos) << probe;
+  const auto pcm = AsSamples16(kltest::ReadFileBytes(name).substr(46));
+  ASSERT_EQ(pcm.size(), tone.size());
+  for (size_t i = 0; i < pcm.size(); i += 97) EXPECT_EQ(pcm[i], kl::Round(tone[i] * 32767.0)) << i;
+}

@@ -1,0 +1,157 @@
+// Helpers for the conversion tests: a sink that records what reaches it, recorded
+// message boxes, wave formats, MP3 test data made by ffmpeg.exe and signal measures.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../tempo/ToneHelpers.h"
+#include "KlTest.h"
+#include "conversion/UAudioConverter.h"
+#include "rtl/Dialogs.h"
+#include "rtl/SysUtils.h"
+
+namespace kltest::conv {
+
+using namespace kl::UAudioConverter;
+
+// Records every write, and what came after Finish.
+class TMemorySink : public kl::TInterfacedObject<IWritable> {
+ public:
+  bool STDMETHODCALLTYPE Write(const void* Data, int32_t DataSize) override {
+    ++Writes;
+    if (FailWrites) return false;
+    if (Data != nullptr && DataSize > 0) {
+      Bytes.append(static_cast<const char*>(Data), static_cast<size_t>(DataSize));
+      if (FinishCount > 0) BytesAfterFinish += DataSize;
+    }
+    LastData = Data;
+    return true;
+  }
+  bool STDMETHODCALLTYPE Finish() override {
+    ++FinishCount;
+    return true;
+  }
+  bool STDMETHODCALLTYPE GetFinished() override { return FinishCount > 0; }
+
+  std::string Bytes;
+  int Writes = 0;
+  int FinishCount = 0;
+  int BytesAfterFinish = 0;
+  const void* LastData = nullptr;
+  bool FailWrites = false;
+};
+
+inline kl::ComPtr<TMemorySink> MakeSink() {
+  kl::ComPtr<TMemorySink> s;
+  s = new TMemorySink();
+  return s;
+}
+
+// Replaces the message-box function for the life of the object.
+class TBoxRecorder {
+ public:
+  struct TBox {
+    std::string Text, Caption;
+  };
+  TBoxRecorder() {
+    FOld = kl::SetMessageBoxFunction([this](HWND, const std::string& Text, const std::string& Caption, UINT) {
+      Boxes.push_back({Text, Caption});
+      return IDOK;
+    });
+  }
+  ~TBoxRecorder() { kl::SetMessageBoxFunction(FOld); }
+  TBoxRecorder(const TBoxRecorder&) = delete;
+  TBoxRecorder& operator=(const TBoxRecorder&) = delete;
+  std::vector<TBox> Boxes;
+
+ private:
+  kl::TMessageBoxFunction FOld;
+};
+
+inline std::vector<uint8_t> Pcm(uint32_t Rate, uint16_t Channels, uint16_t Bits = 16) {
+  std::vector<uint8_t> b(18);
+  InitPcmWaveFormat(Rate, Channels, Bits, reinterpret_cast<WAVEFORMATEX*>(b.data()));
+  return b;
+}
+
+inline std::vector<uint8_t> Float32(uint32_t Rate, uint16_t Channels) {
+  std::vector<uint8_t> b(18, 0);
+  auto* f = reinterpret_cast<WAVEFORMATEX*>(b.data());
+  f->wFormatTag = WAVE_FORMAT_IEEE_FLOAT;
+  f->nChannels = Channels;
+  f->nSamplesPerSec = Rate;
+  f->wBitsPerSample = 32;
+  f->nBlockAlign = static_cast<uint16_t>(Channels * 4);
+  f->nAvgBytesPerSec = f->nBlockAlign * Rate;
+  return b;
+}
+
+inline std::vector<uint8_t> Mp3(uint32_t Rate, uint16_t Channels, int32_t BitRate) {
+  std::vector<uint8_t> b(sizeof(MPEGLAYER3WAVEFORMAT));
+  InitMp3WaveFormat(Rate, Channels, BitRate, reinterpret_cast<WAVEFORMATEX*>(b.data()));
+  return b;
+}
+
+inline const WAVEFORMATEX* W(const std::vector<uint8_t>& B) { return reinterpret_cast<const WAVEFORMATEX*>(B.data()); }
+
+inline std::vector<int16_t> AsSamples16(const std::string& S) {
+  std::vector<int16_t> v(S.size() / 2);
+  if (!v.empty()) std::memcpy(v.data(), S.data(), v.size() * 2);
+  return v;
+}
+
+// Raw MPEG audio frames (no tag, no info frame) of a two-tone stereo signal, made by
+// ffmpeg.exe; empty when ffmpeg failed.
+inline std::string MakeMp3Frames(const TTempDir& Dir, const std::string& Name, int Rate, int Seconds,
+                                 int KBitRate) {
+  const std::string path = Dir / Name;
+  const auto r = Ffmpeg(kl::Format("-f lavfi -i \"aevalsrc=0.4*sin(2*PI*440*t)+0.2*sin(2*PI*1250*t)|"
+                                   "0.3*sin(2*PI*660*t):s=%d:d=%d\" -c:a libmp3lame -b:a %dk "
+                                   "-id3v2_version 0 -write_xing 0 -f mp3 ",
+                                   Rate, Seconds, KBitRate) +
+                        Quote(path));
+  if (r.ExitCode != 0) return std::string();
+  return ReadFileBytes(path);
+}
+
+// ffmpeg.exe's own decoding of a file to s16le at the given shape.
+inline std::string FfmpegDecode(const TTempDir& Dir, const std::string& File, int Rate, int Channels) {
+  const std::string out = Dir / (kl::ExtractFileName(File) + ".raw");
+  const auto r = Ffmpeg("-i " + Quote(File) + kl::Format(" -f s16le -ac %d -ar %d ", Channels, Rate) + Quote(out));
+  if (r.ExitCode != 0) return std::string();
+  return ReadFileBytes(out);
+}
+
+// Pearson correlation of A[i + Lag] and B[i] over their overlap (one channel each).
+inline double Correlation(const std::vector<double>& A, const std::vector<double>& B, size_t Lag) {
+  if (Lag >= A.size()) return 0;
+  const size_t n = std::min(A.size() - Lag, B.size());
+  if (n < 2) return 0;
+  double ma = 0, mb = 0;
+  for (size_t i = 0; i < n; ++i) {
+    ma += A[i + Lag];
+    mb += B[i];
+  }
+  ma /= n;
+  mb /= n;
+  double sab = 0, saa = 0, sbb = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const double a = A[i + Lag] - ma, b = B[i] - mb;
+    sab += a * b;
+    saa += a * a;
+    sbb += b * b;
+  }
+  return saa > 0 && sbb > 0 ? sab / std::sqrt(saa * sbb) : 0;
+}
+
+// Text of ffmpeg.exe reading a file (its stream line and "time=").
+inline std::string FfmpegProbe(const std::string& File) {
+  return Ffmpeg("-i " + Quote(File) + " -f null -").Err;
+}
+
+}  // namespace kltest::conv
