@@ -1,6 +1,7 @@
 // Sequential read of a 256 MB file through TMemoryBuffer (64 KiB reads) against a
 // plain ReadFile loop of the same reads, both from a warm file cache, and the number
 // of allocations made while the buffer reads.
+#include "BenchClock.h"
 #include <windows.h>
 
 #include <algorithm>
@@ -19,17 +20,6 @@ namespace {
 constexpr int64_t kFileSize = 256LL << 20;
 constexpr int32_t kPiece = 64 << 10;
 constexpr int kRuns = 3;
-
-double Seconds() {
-  static const double freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart);
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) / freq;
-}
 
 bool MakeFile(const std::string& Name) {
   HANDLE h = CreateFileA(Name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -1,6 +1,7 @@
 // Walks every frame header of a 100 MB MP3 held in memory and reports MB/s next to a
 // plain memchr scan of the same buffer, in the same run.
 //   BenchMp3Frames [megabytes]
+#include "BenchClock.h"
 #include <windows.h>
 
 #include <cstdio>
@@ -40,17 +41,6 @@ std::vector<uint8_t> MakeMp3(size_t Bytes, size_t& Frames) {
     ++Frames;
   }
   return data;
-}
-
-double Seconds() {
-  static LARGE_INTEGER freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER now;
-  QueryPerformanceCounter(&now);
-  return static_cast<double>(now.QuadPart) / static_cast<double>(freq.QuadPart);
 }
 
 // Best of Runs, in MB/s over Bytes.

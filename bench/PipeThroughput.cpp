@@ -1,6 +1,7 @@
 // Steady-state Write+Read throughput of a TPipe (block size 0x20000, as the library's
 // sound queues use) in 4 KiB, 64 KiB and 1 MiB pieces, against memcpy of the same
 // pieces, and the number of allocations made while the pipe runs warm.
+#include "BenchClock.h"
 #include <windows.h>
 
 #include <algorithm>
@@ -18,17 +19,6 @@ namespace {
 // moment hits both, and the fastest run of each counts.
 constexpr int64_t kBytesPerRun = 256LL << 20;
 constexpr int kRuns = 12;
-
-double Seconds() {
-  static const double freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart);
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) / freq;
-}
 
 // MB/s of one run of Body over kBytesPerRun bytes.
 template <class F>

@@ -2,6 +2,7 @@
 // against a bare PeekNamedPipe/ReadFile loop on a named pipe of the same kind, and
 // through a child's IReadable2::Read against a bare loop on a redirected stdout.
 // Run from bin\ (ffmpeg.exe is expected in ..\common\).
+#include "BenchClock.h"
 #include <windows.h>
 
 #include <algorithm>
@@ -19,17 +20,6 @@ namespace {
 constexpr int kRuns = 3;
 const char kSource[] = " -hide_banner -loglevel error -f lavfi -i testsrc=size=640x480:rate=25 -frames:v 150"
                        " -f rawvideo -pix_fmt rgb32 ";
-
-double Seconds() {
-  static const double freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart);
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) / freq;
-}
 
 std::string Ffmpeg() { return "\"" + kl::ExtractFilePath(kl::ExeFileName()) + "..\\common\\ffmpeg.exe\""; }
 

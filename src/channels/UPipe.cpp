@@ -20,16 +20,6 @@ constexpr int32_t kStagingSize = 4096;
 
 using TGuard = std::lock_guard<TCriticalSection>;
 
-std::string ExceptionText(std::exception_ptr E) {
-  try {
-    std::rethrow_exception(E);
-  } catch (const std::exception& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown error";
-  }
-}
-
 }  // namespace
 
 // --- TBlockQueue --------------------------------------------------------------------

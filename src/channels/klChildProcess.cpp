@@ -15,16 +15,6 @@ namespace {
 constexpr DWORD kChunkSize = 4096;
 constexpr uint8_t kCR = 13;
 
-std::string ExceptionText(std::exception_ptr E) {
-  try {
-    std::rethrow_exception(E);
-  } catch (const std::exception& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown error";
-  }
-}
-
 // Closes a handle on scope exit unless it has been taken.
 class THandleGuard {
  public:

@@ -37,6 +37,16 @@ void Assert(bool Condition, const char* Unit, int Line) {
   if (!Condition) throw EAssertionFailed(Format("Assertion failed (%s, line %d)", Unit, Line));
 }
 
+std::string ExceptionText(std::exception_ptr E) {
+  try {
+    std::rethrow_exception(E);
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (...) {
+    return "unknown error";
+  }
+}
+
 int64_t Round(double Value) {
   const double lower = std::floor(Value);
   const double diff = Value - lower;

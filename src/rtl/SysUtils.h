@@ -63,6 +63,10 @@ class EAssertionFailed : public Exception {
 // assertions do; they need not be this source file's own.
 void Assert(bool Condition, const char* Unit, int Line);
 
+// The message of a caught exception (what() for standard ones, "unknown error" else),
+// for the log lines of catch-all handlers.
+std::string ExceptionText(std::exception_ptr E);
+
 // printf-style formatting into a std::string (pass std::string arguments as .c_str()).
 std::string Format(const char* Fmt, ...);
 
