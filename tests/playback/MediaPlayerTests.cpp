@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cmath>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -108,12 +109,27 @@ TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
     }
   }
   int64_t matching = 0, other = 0;
+  std::string others;
   for (size_t i = 0; i + 1 < r.Captured.size(); ++i) {
     if (r.Captured[i].Silent()) continue;
-    (r.Captured[i] == expected[0] || r.Captured[i] == expected[1]) ? ++matching : ++other;
+    // Once the data ends the driver pads an 8-bit device with byte 0 (full negative),
+    // not 0x80: not the player's doing.
+    if (r.Captured[i] == TFrame{-32768, -32768}) continue;
+    if (r.Captured[i] == expected[0] || r.Captured[i] == expected[1]) {
+      ++matching;
+    } else if (++other < 20) {
+      others += std::to_string(i) + ":" + std::to_string(r.Captured[i].L) + "," + std::to_string(r.Captured[i].R) + " ";
+    }
   }
+  EXPECT_EQ("", others) << "of " << r.Captured.size();
   EXPECT_GT(matching, RATE * 9 / 10);
   EXPECT_EQ(0, other);
+}
+
+std::string Describe(const TPlayed& P) {
+  std::string r = "foreign " + std::to_string(P.Foreign) + "; runs";
+  for (const auto& s : P.Segments) r += " " + std::to_string(s.Start) + "+" + std::to_string(s.Count);
+  return r;
 }
 
 TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
@@ -121,6 +137,12 @@ TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 2);
   TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
   p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
   const int64_t mark = kltest::TCapture::Mark();
   ASSERT_TRUE(p.Play());
@@ -135,12 +157,26 @@ TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
   EXPECT_TRUE(p.Play());
   EXPECT_EQ(pmPlaying, p.GetMode());
   EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 5000));
+  {
+    // What the player handed to the device: the file, once, in order.
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
+  }
   const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), frames);
   EXPECT_EQ(0, played.Foreign);
-  // Silence in the middle is dropped: one unbroken run through the whole file.
-  ASSERT_EQ(1u, played.Segments.size());
-  EXPECT_LE(played.Segments[0].Start, 5 * RATE / 1000);
-  EXPECT_EQ(static_cast<int64_t>(frames.size()), played.Segments[0].Start + played.Segments[0].Count);
+  // What the server played: the driver replays a few milliseconds that were already
+  // in the server when it paused, but nothing is lost. Silence is dropped.
+  ASSERT_GE(played.Segments.size(), 1u);
+  ASSERT_LE(played.Segments.size(), 2u) << Describe(played);
+  const auto& a = played.Segments.front();
+  const auto& b = played.Segments.back();
+  EXPECT_LE(a.Start, 5 * RATE / 1000);
+  if (played.Segments.size() == 2) {
+    EXPECT_GT(a.Count, RATE / 2);
+  }
+  EXPECT_LE(b.Start, a.Start + a.Count) << Describe(played);
+  EXPECT_GE(b.Start, a.Start + a.Count - 10 * RATE / 1000) << Describe(played);
+  EXPECT_EQ(static_cast<int64_t>(frames.size()), b.Start + b.Count);
 }
 
 TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
@@ -303,9 +339,11 @@ TEST(MediaPlayer, FileSourceWithoutFinishStaysPlayingAndLogsTheCastError) {
 
 TEST(MediaPlayer, RefusedFormatShowsTheWriteErrorAndStops) {
   kltest::TTempDir dir;
-  // 3 bits per sample: no device opens for it, so the first write has no handle.
+  // A format tag no driver knows: no device opens for it, so the first write has no
+  // handle.
   std::string wav = kltest::MakeWav(1, 8000, 8, std::string(8000, '\x80'));
-  wav[34] = 3;
+  wav[20] = '\x22';
+  wav[21] = '\x22';
   kltest::WriteFileBytes(dir / "odd.wav", wav);
   std::vector<std::string> boxes;
   auto previous = kl::SetMessageBoxFunction([&boxes](HWND, const std::string& Text, const std::string& Caption, UINT Type) {
