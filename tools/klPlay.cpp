@@ -50,7 +50,7 @@ std::string Clock(int32_t Ms) {
   return kl::Format("%02d:%02d.%01d", Ms / 60000, Ms / 1000 % 60, Ms / 100 % 10);
 }
 
-// A key on a console, or anything written to a piped standard input.
+// A key on a console, or anything written to a standard input that is a Windows pipe.
 bool KeyPressed() {
   HANDLE in = GetStdHandle(STD_INPUT_HANDLE);
   DWORD mode = 0;
@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
     ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(file);
     source = new TEndingSource(wav.Get());
   } catch (const std::exception&) {
-    std::fprintf(stderr, "klPlay: cannot open %s (see the log in %s)\n", file.c_str(), kl::klLog::GetLogDir().c_str());
+    std::fprintf(stderr, "klPlay: cannot open %s (the library's log says why)\n", file.c_str());
     return 1;
   }
 
