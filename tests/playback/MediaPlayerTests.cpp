@@ -70,14 +70,22 @@ TEST(MediaPlayer, PlaysEveryFrameOfTheFileInOrderAndFinishesOnce) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 3 / 2);  // 1.5 s: 15 blocks
   TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
   const TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 6000);
   EXPECT_EQ(pmFinished, r.Mode);
   EXPECT_EQ(1, r.Finishes);
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
+  }
   const TPlayed played = Analyse(r.Captured, frames);
   EXPECT_EQ(0, played.Foreign);
-  ASSERT_EQ(1u, played.Segments.size());
-  EXPECT_LE(played.Segments[0].Start, 5 * RATE / 1000);  // the server may drop the first ms
-  EXPECT_EQ(static_cast<int64_t>(frames.size()), played.Segments[0].Start + played.Segments[0].Count);
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, frames.size(), RATE));
 }
 
 TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
@@ -90,9 +98,8 @@ TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
   TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 5000);
   const auto half = Scaled(frames, 0.5);
   TPlayed played = Analyse(r.Captured, half);
-  EXPECT_EQ(0, played.Foreign);
-  ASSERT_EQ(1u, played.Segments.size());
-  EXPECT_EQ(static_cast<int64_t>(half.size()), played.Segments[0].Start + played.Segments[0].Count);
+  EXPECT_EQ(0, played.Foreign);  // every value halved, none left as it was
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, half.size(), RATE));
 
   // 8-bit stereo: bytes are scaled as signed values, so 0x80 (silence) becomes 0xC0,
   // 0x40 becomes 0x20, 0xFF (-1) becomes 0x00 (-0.5 to even) and 0x10 becomes 0x08.
@@ -124,12 +131,6 @@ TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
   EXPECT_EQ("", others) << "of " << r.Captured.size();
   EXPECT_GT(matching, RATE * 9 / 10);
   EXPECT_EQ(0, other);
-}
-
-std::string Describe(const TPlayed& P) {
-  std::string r = "foreign " + std::to_string(P.Foreign) + "; runs";
-  for (const auto& s : P.Segments) r += " " + std::to_string(s.Start) + "+" + std::to_string(s.Count);
-  return r;
 }
 
 TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
@@ -166,17 +167,7 @@ TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
   EXPECT_EQ(0, played.Foreign);
   // What the server played: the driver replays a few milliseconds that were already
   // in the server when it paused, but nothing is lost. Silence is dropped.
-  ASSERT_GE(played.Segments.size(), 1u);
-  ASSERT_LE(played.Segments.size(), 2u) << Describe(played);
-  const auto& a = played.Segments.front();
-  const auto& b = played.Segments.back();
-  EXPECT_LE(a.Start, 5 * RATE / 1000);
-  if (played.Segments.size() == 2) {
-    EXPECT_GT(a.Count, RATE / 2);
-  }
-  EXPECT_LE(b.Start, a.Start + a.Count) << Describe(played);
-  EXPECT_GE(b.Start, a.Start + a.Count - 10 * RATE / 1000) << Describe(played);
-  EXPECT_EQ(static_cast<int64_t>(frames.size()), b.Start + b.Count);
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, frames.size(), RATE));
 }
 
 TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
@@ -184,6 +175,12 @@ TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 3);
   TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
   p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
   const int64_t mark = kltest::TCapture::Mark();
   ASSERT_TRUE(p.Play());
@@ -196,18 +193,30 @@ TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
   EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 4000));
   const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), frames);
   EXPECT_EQ(0, played.Foreign);
-  ASSERT_EQ(2u, played.Segments.size());
-  EXPECT_LE(played.Segments[0].Start, 5 * RATE / 1000);
-  EXPECT_GT(played.Segments[0].Count, RATE / 4);  // it played for a while first
-  // The frame of 2000 ms, give or take what the server drops when a stream restarts.
-  EXPECT_GE(played.Segments[1].Start, 2 * RATE);
-  EXPECT_LE(played.Segments[1].Start, 2 * RATE + 5 * RATE / 1000);
-  EXPECT_EQ(static_cast<int64_t>(frames.size()), played.Segments[1].Start + played.Segments[1].Count);
+  // From the start for a while, then from the frame of 2000 ms to the end.
+  size_t jump = 1;
+  while (jump < played.Segments.size() && played.Segments[jump].Start < 2 * RATE) ++jump;
+  ASSERT_LT(jump, played.Segments.size()) << Describe(played);
+  EXPECT_EQ("", InOrder(played, 0, jump - 1, 0, played.Segments[jump - 1].Start + played.Segments[jump - 1].Count, RATE));
+  EXPECT_GT(played.Segments[jump - 1].Start + played.Segments[jump - 1].Count, RATE / 4);
+  EXPECT_EQ("", InOrder(played, jump, played.Segments.size() - 1, 2 * RATE, frames.size(), RATE));
+  {
+    // The device got a whole-block prefix of the file, then the file from 2000 ms on.
+    std::lock_guard<std::mutex> guard(lock);
+    const std::string all = Bytes(frames), tail = all.substr(2 * RATE * 4);
+    ASSERT_GE(sent.size(), tail.size());
+    const size_t head = sent.size() - tail.size();
+    EXPECT_EQ(0u, head % 17640);
+    EXPECT_TRUE(sent.compare(head, std::string::npos, tail) == 0);
+    EXPECT_TRUE(sent.compare(0, head, all, 0, head) == 0);
+  }
 }
 
 TEST(MediaPlayer, PositionFollowsTheWallClockAndScalesWithSpeed) {
   REQUIRE_CAPTURE();
   kltest::TTempDir dir;
+  const double rate = DeviceRate();
+  if (rate < 0.97 || rate > 1.03) GTEST_SKIP() << "the audio server runs at " << rate << " of real time here";
   TklMediaPlayer p;
   p.SetSource(WavSource(WriteWav(dir, "a.wav", Pattern(RATE * 13)), true).Get());
   ASSERT_TRUE(p.Play());
@@ -248,22 +257,18 @@ TEST(MediaPlayer, SpeedTwoHalvesTheTimeAndKeepsThePitch) {
   p.SetSpeed(2.0f);
   const TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "t.wav", tone), true).Get(), 5000);
   EXPECT_EQ(pmFinished, r.Mode);
-  int64_t first = -1, last = -1;
-  for (size_t i = 0; i < r.Captured.size(); ++i) {
-    if (!r.Captured[i].Silent()) {
-      if (first < 0) first = static_cast<int64_t>(i);
-      last = static_cast<int64_t>(i);
-    }
-  }
-  ASSERT_GE(first, 0);
-  const int64_t span = last - first + 1;
-  EXPECT_NEAR(RATE, span, RATE / 10);  // 2 s of tone in about 1 s
-  // Zero crossings over the span give the frequency: 440 Hz, not 880.
+  // The server may insert silence when it falls behind: count only sounding frames,
+  // and zero crossings only between neighbours that both sound.
+  int64_t sounding = 0;
   int crossings = 0;
-  for (int64_t i = first + 1; i <= last; ++i) {
-    if ((r.Captured[i - 1].L < 0) != (r.Captured[i].L < 0)) ++crossings;
+  for (size_t i = 0; i < r.Captured.size(); ++i) {
+    if (r.Captured[i].Silent()) continue;
+    ++sounding;
+    if (i > 0 && !r.Captured[i - 1].Silent() && (r.Captured[i - 1].L < 0) != (r.Captured[i].L < 0)) ++crossings;
   }
-  const double freq = crossings / 2.0 / (static_cast<double>(span) / RATE);
+  EXPECT_NEAR(RATE, sounding, RATE / 10);  // 2 s of tone in about 1 s
+  // 440 Hz, not 880.
+  const double freq = crossings / 2.0 / (static_cast<double>(sounding) / RATE);
   EXPECT_NEAR(440, freq, 25);
 }
 

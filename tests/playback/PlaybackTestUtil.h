@@ -123,6 +123,32 @@ inline TPlayed Analyse(const std::vector<TFrame>& Captured, const std::vector<TF
   return r;
 }
 
+inline std::string Describe(const TPlayed& P) {
+  std::string r = "foreign " + std::to_string(P.Foreign) + "; runs";
+  for (const auto& s : P.Segments) r += " " + std::to_string(s.Start) + "+" + std::to_string(s.Count);
+  return r;
+}
+
+// Whether the runs play Expected[From .. To) in order. The audio server on a loaded
+// machine may drop a few milliseconds (the recorder or the driver falls behind), and the
+// driver replays a few after a pause; anything beyond that is the player's fault.
+inline std::string InOrder(const TPlayed& P, size_t First, size_t Last, int64_t From, int64_t To, int Rate) {
+  const int64_t startSlack = 5 * Rate / 1000, lossSlack = 90 * Rate / 1000, repeatSlack = 10 * Rate / 1000;
+  if (P.Segments.size() <= Last || First > Last) return "too few runs: " + Describe(P);
+  if (P.Segments[First].Start < From || P.Segments[First].Start > From + startSlack) return "bad start: " + Describe(P);
+  int64_t covered = P.Segments[First].Count;
+  for (size_t i = First + 1; i <= Last; ++i) {
+    const int64_t end = P.Segments[i - 1].Start + P.Segments[i - 1].Count;
+    if (P.Segments[i].Start < end - repeatSlack) return "repeated: " + Describe(P);
+    if (P.Segments[i].Start > end + lossSlack) return "lost: " + Describe(P);
+    covered += P.Segments[i].Count;
+  }
+  const auto& last = P.Segments[Last];
+  if (last.Start + last.Count != To) return "bad end: " + Describe(P);
+  if (covered < (To - From) * 9 / 10) return "too little: " + Describe(P);
+  return "";
+}
+
 // Hands on a file stream and says "finished" once it has no more data, so that the
 // player can reach pmFinished.
 class TFinishingSource : public kl::TInterfacedObject<ISoundStream, IFinishable> {
@@ -151,6 +177,44 @@ inline ComPtr<ISoundStream> WavSource(const std::string& Path, bool Finishing) {
   ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(Path);
   if (!Finishing) return wav;
   return ComPtr<ISoundStream>(new TFinishingSource(wav.Get()));
+}
+
+// How fast the wave-out device runs against the wall clock here (1.0 = real time),
+// measured with a plain four-block waveOut loop over one second. Under load the audio
+// server of the test machine may fall well behind; timing checks mean nothing then.
+inline double DeviceRate() {
+  WAVEFORMATEX f{WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0};
+  HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  HWAVEOUT h = nullptr;
+  if (waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(ev), 0, CALLBACK_EVENT) != MMSYSERR_NOERROR) {
+    CloseHandle(ev);
+    return 0;
+  }
+  std::vector<std::vector<char>> data(4, std::vector<char>(17640, 0));
+  std::vector<WAVEHDR> hd(4);
+  for (size_t i = 0; i < hd.size(); ++i) {
+    hd[i] = WAVEHDR{};
+    hd[i].lpData = data[i].data();
+    hd[i].dwBufferLength = 17640;
+    waveOutPrepareHeader(h, &hd[i], sizeof(WAVEHDR));
+    waveOutWrite(h, &hd[i], sizeof(WAVEHDR));
+  }
+  const DWORD t0 = timeGetTime();
+  while (timeGetTime() - t0 < 1000) {
+    WaitForSingleObject(ev, 5);
+    for (auto& x : hd) {
+      if (x.dwFlags & WHDR_DONE) waveOutWrite(h, &x, sizeof(WAVEHDR));
+    }
+  }
+  MMTIME t{};
+  t.wType = TIME_BYTES;
+  waveOutGetPosition(h, &t, sizeof t);
+  const double rate = t.u.cb / 176.4 / (timeGetTime() - t0);
+  waveOutReset(h);
+  for (auto& x : hd) waveOutUnprepareHeader(h, &x, sizeof(WAVEHDR));
+  waveOutClose(h);
+  CloseHandle(ev);
+  return rate;
 }
 
 // Waits until Done() or TimeoutMs passes; true when Done.
