@@ -199,17 +199,27 @@ inline double DeviceRate() {
     waveOutPrepareHeader(h, &hd[i], sizeof(WAVEHDR));
     waveOutWrite(h, &hd[i], sizeof(WAVEHDR));
   }
+  // From 200 ms on: the device's count leads the clock by its start-up latency.
+  auto position = [h] {
+    MMTIME t{};
+    t.wType = TIME_BYTES;
+    waveOutGetPosition(h, &t, sizeof t);
+    return t.u.cb / 176.4;
+  };
   const DWORD t0 = timeGetTime();
-  while (timeGetTime() - t0 < 1000) {
+  double p1 = 0;
+  DWORD t1 = 0;
+  while (timeGetTime() - t0 < 1200) {
     WaitForSingleObject(ev, 5);
     for (auto& x : hd) {
       if (x.dwFlags & WHDR_DONE) waveOutWrite(h, &x, sizeof(WAVEHDR));
     }
+    if (t1 == 0 && timeGetTime() - t0 >= 200) {
+      t1 = timeGetTime();
+      p1 = position();
+    }
   }
-  MMTIME t{};
-  t.wType = TIME_BYTES;
-  waveOutGetPosition(h, &t, sizeof t);
-  const double rate = t.u.cb / 176.4 / (timeGetTime() - t0);
+  const double rate = (position() - p1) / (timeGetTime() - t1);
   waveOutReset(h);
   for (auto& x : hd) waveOutUnprepareHeader(h, &x, sizeof(WAVEHDR));
   waveOutClose(h);
