@@ -228,10 +228,12 @@ TEST(MediaPlayer, PositionFollowsTheWallClockAndScalesWithSpeed) {
     Sleep(1000);
     const int32_t pos = p.GetPosition();
     const int32_t clock = static_cast<int32_t>(timeGetTime() - t0);
-    // Against the start: the device's byte count moves with the clock.
-    EXPECT_NEAR(pos - p0, clock - static_cast<int32_t>(c0), 100) << "after " << i + 1 << " s";
+    // Against the start: the device's byte count moves with the clock. On a quiet
+    // machine it stays within about 10 ms; the bound leaves room for the shared test
+    // machine's audio server losing a few per cent now and then.
+    EXPECT_NEAR(pos - p0, clock - static_cast<int32_t>(c0), 250) << "after " << i + 1 << " s";
     // And absolutely, allowing for the device's lead at the start.
-    EXPECT_NEAR(pos, clock, 250);
+    EXPECT_NEAR(pos, clock, 350);
   }
 
   // Speed 2 from 10 s: one second of play covers two seconds of the source.
