@@ -25,3 +25,4 @@
 #include "tempo/USoundTouchDLL.h"
 
 #include "playback/klMediaPlayer.h"
+#include "playback/USoundStreams.h"

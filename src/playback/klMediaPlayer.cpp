@@ -1,10 +1,14 @@
 #include "playback/klMediaPlayer.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
+#include <mutex>
+
 #include "diagnostics/klLog.h"
+#include "rtl/Dialogs.h"
 #include "rtl/SysUtils.h"
 
 namespace kl::klMediaPlayer {
@@ -94,5 +98,550 @@ int32_t TTempCorrector::Correct(void* Buffer, int32_t Size) {
   FDebugFile->AddData(Buffer, result);
   return result;
 }
+
+}  // namespace kl::klMediaPlayer
+
+namespace kl::klMediaPlayer {
+
+// --- modes and records ----------------------------------------------------------------
+
+std::string PlayerModeToStr(TPlayerMode Mode) {
+  switch (Mode) {
+    case pmNotReady:
+      return "Not ready";
+    case pmStopped:
+      return "Stopped";
+    case pmPlaying:
+      return "Playing";
+    case pmPaused:
+      return "Paused";
+    case pmFinished:
+      return "Finished";
+  }
+  return "Unknown";
+}
+
+TVideoInfo VideoInfo(int32_t Width, int32_t Height, int32_t BitCount, float FPS) {
+  TVideoInfo r{};
+  r.Header.biSize = sizeof(BITMAPINFOHEADER);
+  r.Header.biWidth = Width;
+  r.Header.biHeight = Height;
+  r.Header.biPlanes = 1;
+  r.Header.biBitCount = static_cast<WORD>(BitCount);
+  r.FPS = FPS;
+  return r;
+}
+
+// --- the hidden window ----------------------------------------------------------------
+
+namespace {
+
+const char* const WINDOW_CLASS = "WaveOutWindow";
+
+HINSTANCE ThisModule() {
+  HMODULE m = nullptr;
+  GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                     reinterpret_cast<LPCSTR>(&ThisModule), &m);
+  return m;
+}
+
+LRESULT CALLBACK WaveOutWindowProc(HWND Wnd, UINT Msg, WPARAM WParam, LPARAM LParam) {
+  try {
+    if (Msg == MM_WOM_DONE) {
+      auto* player = reinterpret_cast<TklMediaPlayer*>(GetWindowLongPtrA(Wnd, GWLP_USERDATA));
+      if (player != nullptr) player->BlockDone(reinterpret_cast<WAVEHDR*>(LParam));
+      return 0;
+    }
+    if (Msg == WM_DESTROY) return 0;
+  } catch (const std::exception& E) {
+    klLog::AddToEventLog(std::string("klMediaPlayer.WindowProc: ") + E.what(), klLog::lkError);
+    return 0;
+  } catch (...) {
+    klLog::AddToEventLog("klMediaPlayer.WindowProc: unknown exception", klLog::lkError);
+    return 0;
+  }
+  return DefWindowProcA(Wnd, Msg, WParam, LParam);
+}
+
+// Registered while the unit is loaded; the class goes with the module.
+class TWindowClass {
+ public:
+  TWindowClass() {
+    WNDCLASSA wc{};
+    wc.lpfnWndProc = WaveOutWindowProc;
+    wc.hInstance = ThisModule();
+    wc.lpszClassName = WINDOW_CLASS;
+    FRegistered = RegisterClassA(&wc) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
+  }
+  ~TWindowClass() {
+    if (FRegistered) UnregisterClassA(WINDOW_CLASS, ThisModule());
+  }
+  TWindowClass(const TWindowClass&) = delete;
+  TWindowClass& operator=(const TWindowClass&) = delete;
+
+ private:
+  bool FRegistered = false;
+};
+
+const TWindowClass WindowClass;
+
+// Texts of the waveOut result codes for the message box.
+std::string WaveOutErrorText(MMRESULT Code) {
+  switch (Code) {
+    case 0:
+      return "OK";
+    case 5:
+      return "The specified handle is invalid";
+    case 7:
+      return "The system is unable to allocate resources";
+    case 10:
+      return "At least one flag is invalid";
+    case 11:
+      return "At least one parameter is invalid";
+    case 512:
+      return "The requested operation cannot be performed";
+    case 513:
+      return "The stream header specified in pash is currently in use and cannot be reused";
+    case 514:
+      return "The stream header specified in pash is currently not prepared";
+    default:
+      return "Unknown error";
+  }
+}
+
+
+}  // namespace
+
+// --- threads --------------------------------------------------------------------------
+
+TWaveOutThread::TWaveOutThread(TklMediaPlayer* Player) : TThread(true), FPlayer(Player) {}
+
+TWaveOutThread::~TWaveOutThread() { TerminateAndWait(); }
+
+void TWaveOutThread::Execute() {
+  HWND wnd = CreateWindowExA(0, WINDOW_CLASS, "", 0, 0, 0, 0, 0, nullptr, nullptr, ThisModule(), nullptr);
+  if (wnd == nullptr) {
+    klLog::AddToEventLog("TWaveOutThread.Execute: CreateWindow error", klLog::lkError);
+    return;
+  }
+  SetWindowLongPtrA(wnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(FPlayer));
+  FWindow.store(wnd);
+  bool quit = false;
+  while (!Terminated() && !quit) {
+    try {
+      MSG msg;
+      while (PeekMessageA(&msg, wnd, 0, 0, PM_REMOVE)) {
+        if (msg.message == WM_QUIT) {
+          quit = true;
+          break;
+        }
+        TranslateMessage(&msg);
+        DispatchMessageA(&msg);
+      }
+    } catch (const std::exception& E) {
+      klLog::AddToEventLog(std::string("TWaveOutThread.Execute: ") + E.what(), klLog::lkError);
+    }
+    Sleep(1);
+  }
+  SetWindowLongPtrA(wnd, GWLP_USERDATA, 0);
+  DestroyWindow(wnd);
+}
+
+TWavBufferThread::TWavBufferThread(TklMediaPlayer* Player) : TThread(true), FPlayer(Player) {}
+
+TWavBufferThread::~TWavBufferThread() { TerminateAndWait(); }
+
+void TWavBufferThread::Execute() {
+  std::vector<uint8_t> block(TklMediaPlayer::WAV_BUFFER_LIMIT);
+  while (!Terminated()) {
+    Sleep(10);
+    try {
+      FPlayer->FillWavBuffer(block);
+    } catch (const std::exception& E) {
+      klLog::AddToEventLog(std::string("TWavBufferThread.Execute: ") + E.what(), klLog::lkError);
+    }
+  }
+}
+
+// --- TklMediaPlayer -------------------------------------------------------------------
+
+TklMediaPlayer::TklMediaPlayer() {
+  FCorrector = std::make_unique<TTempCorrector>();
+  FWavBuffer = MakeInterface<UPipe::IPipe, UPipe::TPipe>(131072);
+  if (!FWavBuffer) throw std::bad_alloc();
+  FWaveOutThread = std::make_unique<TWaveOutThread>(this);
+  FWaveOutThread->Start();
+  while (FWaveOutThread->Window() == nullptr && !FWaveOutThread->Finished()) Sleep(1);
+  FWavBufferThread = std::make_unique<TWavBufferThread>(this);
+  FWavBufferThread->Start();
+  PrepareHeaders();
+}
+
+TklMediaPlayer::~TklMediaPlayer() {
+  try {
+    // Drained while the window still takes the returned blocks.
+    Stop();
+  } catch (...) {
+  }
+  FWavBufferThread.reset();
+  FWaveOutThread.reset();
+  try {
+    Close();
+  } catch (...) {
+  }
+}
+
+bool TklMediaPlayer::OnWaveOutThread() const {
+  return FWaveOutThread && GetCurrentThreadId() == FWaveOutThread->ThreadID();
+}
+
+ComPtr<ISoundStream> TklMediaPlayer::GetSource() {
+  std::lock_guard<TCriticalSection> guard(FSourceLock);
+  return FSoundStream;
+}
+
+void TklMediaPlayer::SetSource(ISoundStream* Value) {
+  Stop();
+  std::lock_guard<TCriticalSection> guard(FSourceLock);
+  if (FSoundStream) UnprepareHeaders();
+  FSoundStream = Value;
+  FWavBuffer->Clear();
+  if (FSoundStream) {
+    AdjustBufferSize();
+    if (FWaveOut != nullptr) {
+      FOldDevices.push_back(FWaveOut);
+      FWaveOut = nullptr;
+    }
+    PrepareHeaders();
+    FMode.store(pmStopped);
+  }
+}
+
+int32_t TklMediaPlayer::GetLength() {
+  ComPtr<ISoundStream> s = GetSource();
+  return s ? s->GetLength() : 0;
+}
+
+void TklMediaPlayer::AdjustBufferSize() {
+  ComPtr<ISoundStream> s = GetSource();
+  if (!s) return;
+  const WAVEFORMATEX f = s->GetWaveFormat();
+  const int64_t size = static_cast<int64_t>(f.nBlockAlign) * f.nSamplesPerSec / 10;
+  // A format that asks for more than a few megabytes a tenth of a second is no audio
+  // the device takes; no blocks then, and Play fails.
+  FBufferSize = size > 0 && size <= (1 << 24) ? static_cast<int32_t>(size) : 0;
+  for (int i = 0; i < 2; ++i) {
+    FBuffers[i].assign(static_cast<size_t>(FBufferSize), 0);
+    FHeaders[i] = WAVEHDR{};
+    FHeaders[i].lpData = FBufferSize > 0 ? reinterpret_cast<LPSTR>(FBuffers[i].data()) : nullptr;
+    FHeaders[i].dwBufferLength = static_cast<DWORD>(FBufferSize);
+  }
+}
+
+bool TklMediaPlayer::PrepareHeaders() {
+  ComPtr<ISoundStream> s = GetSource();
+  if (!s || !FWaveOutThread) return false;
+  const WAVEFORMATEX f = s->GetWaveFormat();
+  HWAVEOUT h = nullptr;
+  MMRESULT r = waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(FWaveOutThread->Window()), 0,
+                           CALLBACK_WINDOW | WAVE_ALLOWSYNC);
+  FLastError.store(static_cast<int32_t>(r));
+  if (r != MMSYSERR_NOERROR) return false;
+  FWaveOut = h;
+  for (auto& header : FHeaders) {
+    if (header.lpData == nullptr) return false;
+    r = waveOutPrepareHeader(FWaveOut, &header, sizeof(WAVEHDR));
+    FLastError.store(static_cast<int32_t>(r));
+    if (r != MMSYSERR_NOERROR) return false;
+  }
+  return true;
+}
+
+void TklMediaPlayer::UnprepareHeaders() {
+  if (FWaveOut == nullptr) return;
+  for (auto& header : FHeaders) waveOutUnprepareHeader(FWaveOut, &header, sizeof(WAVEHDR));
+}
+
+void TklMediaPlayer::DecStopFlag() {
+  int32_t n = FStopFlag.load();
+  while (!FStopFlag.compare_exchange_weak(n, n > 0 ? n - 1 : 0)) {
+  }
+}
+
+void TklMediaPlayer::BlockDone(WAVEHDR* Header) {
+  DecStopFlag();
+  const TPlayerMode m = FMode.load();
+  if (m == pmPlaying || m == pmPaused) QueueNextBuffer(Header);
+}
+
+void TklMediaPlayer::FillWavBuffer(std::vector<uint8_t>& Block) {
+  std::lock_guard<TCriticalSection> guard(FSourceLock);
+  if (!FSoundStream) return;
+  const int32_t free = std::min<int32_t>(WAV_BUFFER_LIMIT - FWavBuffer->GetSizeToRead(),
+                                         static_cast<int32_t>(Block.size()));
+  if (free <= 0) return;
+  const int32_t n = FSoundStream->GetWavData(Block.data(), free);
+  if (n > 0) FWavBuffer->Write(Block.data(), std::min(n, free));
+}
+
+bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
+  // Stop waits for this too: the blocks must not change under a queueing in flight.
+  FQueueing.fetch_add(1);
+  struct TDone {
+    std::atomic<int32_t>& Count;
+    ~TDone() { Count.fetch_sub(1); }
+  } done{FQueueing};
+  ComPtr<ISoundStream> source = GetSource();
+  if (Header == nullptr || !source) {
+    klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: (Header = nil) or (FSoundStream = nil)", klLog::lkError);
+    return false;
+  }
+  const TPlayerMode mode = FMode.load();
+  if (mode != pmPlaying && mode != pmPaused) {
+    klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: Mode in [pmPlaying, pmPaused]", klLog::lkError);
+    return false;
+  }
+  if (FBufferSize < 1 || Header->lpData == nullptr) {
+    klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: FBufferSize < 1", klLog::lkError);
+    return false;
+  }
+
+  // Top-up, for when the buffer thread has not caught up (first blocks, end of source).
+  uint8_t block[4096];
+  while (FWavBuffer->GetSizeToRead() < FBufferSize) {
+    std::unique_lock<TCriticalSection> guard(FSourceLock);
+    if (FSoundStream.Get() != source.Get()) return false;  // the source changed meanwhile
+    const int32_t n = source->GetWavData(block, sizeof block);
+    if (n > 0) {
+      FWavBuffer->Write(block, std::min<int32_t>(n, sizeof block));
+      continue;
+    }
+    guard.unlock();
+    ComPtr<IFinishable> finishable;
+    if (FAILED(source.As(&finishable)) || !finishable) throw Exception("Interface not supported");
+    if (finishable->GetFinished()) break;
+    // Not finished: ask again at once, unless the player is being stopped meanwhile.
+    const TPlayerMode m = FMode.load();
+    if (m != pmPlaying && m != pmPaused) return false;
+  }
+
+  int32_t size = FWavBuffer->Read(Header->lpData, FBufferSize);
+  if (size == 0) {
+    if (FStopFlag.load() == 0) {
+      FMode.store(pmFinished);
+      if (FOnFinish) FOnFinish(this);
+    }
+    klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: WavBuffer.Read(...) = 0", klLog::lkError);
+    return true;
+  }
+
+  const WAVEFORMATEX format = source->GetWaveFormat();
+  if (FCorrector->GetTempo() != 1.0f) {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    FCorrector->SetFormat(&format);
+    size = FCorrector->Correct(Header->lpData, size);
+  }
+  if (FOnSendingWavBlock) FOnSendingWavBlock(Header->lpData, size);
+  if (FVolume.load() != 1.0f) ApplyVolume(Header->lpData, size, format);
+
+  MMRESULT r;
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    // A Stop that came in meanwhile has already reset the device: queue nothing more.
+    const TPlayerMode m = FMode.load();
+    if (m != pmPlaying && m != pmPaused) return false;
+    Header->dwFlags = WHDR_PREPARED;
+    Header->dwBufferLength = static_cast<DWORD>(size);
+    r = waveOutWrite(FWaveOut, Header, sizeof(WAVEHDR));
+    FLastError.store(static_cast<int32_t>(r));
+    if (r == MMSYSERR_NOERROR) {
+      FStopFlag.fetch_add(1);
+      return true;
+    }
+  }
+  ShowMessageBox(nullptr, WaveOutErrorText(r), "Внимание", MB_ICONEXCLAMATION);
+  return false;
+}
+
+void TklMediaPlayer::ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format) {
+  const double volume = FVolume.load();
+  if (Format.wBitsPerSample == 16) {
+    auto* p = static_cast<int16_t*>(Buffer);
+    for (int32_t i = 0, n = Size / 2; i < n; ++i) {
+      p[i] = static_cast<int16_t>(Round(std::max(-32768.0, std::min(32767.0, volume * p[i]))));
+    }
+  } else if (Format.wBitsPerSample == 8) {
+    // Taken as signed, although 8-bit PCM is unsigned: that is how the player always
+    // scaled it, and hosts rely on the result.
+    auto* p = static_cast<int8_t*>(Buffer);
+    for (int32_t i = 0; i < Size; ++i) {
+      p[i] = static_cast<int8_t>(Round(std::max(-128.0, std::min(127.0, volume * p[i]))));
+    }
+  }
+}
+
+bool TklMediaPlayer::Play() {
+  if (!GetSource()) {
+    klLog::AddToEventLog("TklMediaPlayer.Play: FSoundStream = nil", klLog::lkError);
+    return false;
+  }
+  const TPlayerMode mode = FMode.load();
+  if (mode == pmNotReady || mode == pmPlaying) {
+    klLog::AddToEventLog("TklMediaPlayer.Play: Mode in [pmPlaying, pmNotReady]", klLog::lkError);
+    return false;
+  }
+  if (mode == pmPaused) {
+    const MMRESULT r = waveOutRestart(FWaveOut);
+    FLastError.store(static_cast<int32_t>(r));
+    if (r == MMSYSERR_NOERROR) {
+      FMode.store(pmPlaying);
+      return true;
+    }
+    klLog::AddToEventLog("TklMediaPlayer.Play: " + klLog::GetErrorStr(r), klLog::lkError);
+  }
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    FCorrector->Init(0);
+  }
+  FStopFlag.store(0);
+  FMode.store(pmPlaying);
+  bool ok = false;
+  try {
+    ok = QueueNextBuffer(&FHeaders[0]) && QueueNextBuffer(&FHeaders[1]);
+  } catch (const std::exception& E) {
+    klLog::AddToEventLog(std::string("TklMediaPlayer.Play: ") + E.what(), klLog::lkError);
+  }
+  if (!ok) {
+    klLog::AddToEventLog("TklMediaPlayer.Play: QueueNextBuffer error", klLog::lkError);
+    Stop();
+  }
+  return true;
+}
+
+void TklMediaPlayer::Pause() {
+  if (FMode.load() != pmPlaying) return;
+  std::lock_guard<TCriticalSection> guard(FLock);
+  FLastError.store(static_cast<int32_t>(waveOutPause(FWaveOut)));
+  FMode.store(pmPaused);
+}
+
+void TklMediaPlayer::Stop() {
+  const TPlayerMode mode = FMode.load();
+  if (mode == pmNotReady || mode == pmStopped) return;
+  FMode.store(pmStopped);
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    if (FWaveOut != nullptr) waveOutReset(FWaveOut);
+  }
+  // The returned blocks arrive as messages to the wave-out thread's window; a Stop
+  // from that thread itself (an event handler) cannot wait for them.
+  if (OnWaveOutThread()) return;
+  while ((FStopFlag.load() >= 1 || FQueueing.load() > 0) && FWaveOutThread && !FWaveOutThread->Terminated() &&
+         !FWaveOutThread->Finished()) {
+    Sleep(10);
+  }
+}
+
+void TklMediaPlayer::CloseDevices() {
+  if (FWaveOut != nullptr) {
+    waveOutPause(FWaveOut);
+    waveOutReset(FWaveOut);
+    UnprepareHeaders();
+    waveOutClose(FWaveOut);
+    FWaveOut = nullptr;
+  }
+  for (HWAVEOUT h : FOldDevices) {
+    waveOutReset(h);
+    waveOutClose(h);
+  }
+  FOldDevices.clear();
+}
+
+void TklMediaPlayer::Close() {
+  // Drained first: a device still holding blocks refuses to close.
+  Stop();
+  FMode.store(pmNotReady);
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    CloseDevices();
+  }
+  SetSource(nullptr);
+  FStopFlag.store(0);
+  Sleep(100);
+}
+
+int32_t TklMediaPlayer::BytesToMilliseconds(int32_t Bytes) {
+  ComPtr<ISoundStream> s = GetSource();
+  if (!s) return 0;
+  const WAVEFORMATEX f = s->GetWaveFormat();
+  if (f.nBlockAlign == 0 || f.nSamplesPerSec == 0) return 0;
+  return static_cast<int32_t>(
+      Round(static_cast<double>(std::max(0, Bytes)) / f.nBlockAlign / f.nSamplesPerSec * 1000));
+}
+
+int32_t TklMediaPlayer::GetPosition() {
+  ComPtr<ISoundStream> s = GetSource();
+  if (!s) return 0;
+  int64_t result = s->GetPosition();
+  MMTIME t{};
+  t.wType = TIME_BYTES;
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    if (FWaveOut == nullptr || waveOutGetPosition(FWaveOut, &t, sizeof t) != MMSYSERR_NOERROR) t.u.cb = 0;
+  }
+  if (t.wType == TIME_BYTES) {
+    const uint32_t cb = std::min<uint32_t>(t.u.cb, 0x7FFFFFFF);
+    result += Round(BytesToMilliseconds(static_cast<int32_t>(cb)) * static_cast<double>(FSpeed.load()));
+  }
+  return static_cast<int32_t>(std::clamp<int64_t>(result, INT32_MIN, INT32_MAX));
+}
+
+void TklMediaPlayer::SetPosition(int32_t Ms) {
+  if (!GetSource()) return;
+  const bool wasPlaying = FMode.load() == pmPlaying;
+  if (FMode.load() != pmStopped) Stop();
+  {
+    std::lock_guard<TCriticalSection> guard(FSourceLock);
+    if (!FSoundStream) return;
+    FSoundStream->SetPosition(Ms);
+    FWavBuffer->Lock();
+    try {
+      FWavBuffer->Clear();
+      uint8_t block[4096];
+      while (FWavBuffer->GetSizeToRead() < WAV_BUFFER_LIMIT) {
+        const int32_t n = FSoundStream->GetWavData(block, sizeof block);
+        if (n <= 0) break;
+        FWavBuffer->Write(block, std::min<int32_t>(n, sizeof block));
+      }
+    } catch (...) {
+      FWavBuffer->Unlock();
+      throw;
+    }
+    FWavBuffer->Unlock();
+  }
+  if (wasPlaying) Play();
+}
+
+void TklMediaPlayer::SetSpeed(float Value) {
+  if (!(Value > 0 && Value < MAX_SPEED) || Value == FSpeed.load()) return;
+  FSpeed.store(Value);
+  int32_t p;
+  {
+    // The played part is scaled by the new speed already, as the player always did.
+    std::lock_guard<TCriticalSection> guard(FLock);
+    p = GetPosition();
+    FCorrector->Init(Value);
+  }
+  // Outside the lock: the seek stops the device and waits for the wave-out thread,
+  // which needs the lock to finish the block it may be queueing.
+  SetPosition(p);
+}
+
+void TklMediaPlayer::SetVolume(float Value) {
+  if (!(Value >= 0 && Value <= MAX_VOLUME) || Value == FVolume.load()) return;
+  FVolume.store(Value);
+}
+
+std::string TklMediaPlayer::GetErrorMessage() const { return FLastError.load() < 1 ? "OK" : ""; }
 
 }  // namespace kl::klMediaPlayer

@@ -1,4 +1,5 @@
-// The media player unit. For now it holds the tempo corrector that the player runs over
+// The media player unit: the stream interfaces every player and source agree on, the
+// player modes, the wave-out player TklMediaPlayer and the tempo corrector it runs over
 // every block it plays.
 #pragma once
 
@@ -6,15 +7,102 @@
 #include <mmsystem.h>
 #include <mmreg.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
+#include "channels/UPipe.h"
 #include "formats/UWAV.h"
+#include "rtl/ComBase.h"
+#include "rtl/Threads.h"
+
+namespace kl::klMediaPlayer {
+struct IMediaStream;
+struct ISoundStream;
+struct IFinishable;
+struct IVideoStream;
+}  // namespace kl::klMediaPlayer
+
+KL_DECLARE_IID(kl::klMediaPlayer::IMediaStream, "B7E88FD9-C51F-4D4D-8C96-949F019D5B11", 0xB7E88FD9, 0xC51F, 0x4D4D,
+               0x8C, 0x96, 0x94, 0x9F, 0x01, 0x9D, 0x5B, 0x11)
+KL_DECLARE_IID(kl::klMediaPlayer::ISoundStream, "D5DAF2A5-EC6C-4347-9388-2D34723F4CFE", 0xD5DAF2A5, 0xEC6C, 0x4347,
+               0x93, 0x88, 0x2D, 0x34, 0x72, 0x3F, 0x4C, 0xFE)
+KL_DECLARE_IID(kl::klMediaPlayer::IFinishable, "A41CDA6A-F617-45A0-9884-85CB5A1D5451", 0xA41CDA6A, 0xF617, 0x45A0,
+               0x98, 0x84, 0x85, 0xCB, 0x5A, 0x1D, 0x54, 0x51)
+KL_DECLARE_IID(kl::klMediaPlayer::IVideoStream, "48EEA762-8778-4401-808A-4C4A6A1D5F3F", 0x48EEA762, 0x8778, 0x4401,
+               0x80, 0x8A, 0x4C, 0x4A, 0x6A, 0x1D, 0x5F, 0x3F)
 
 namespace kl::klMediaPlayer {
 
 // Highest tempo the corrector handles.
 constexpr float MAX_TEMP = 5.0f;
+// Speeds are taken strictly below MAX_SPEED; volumes up to and including MAX_VOLUME.
+constexpr float MAX_SPEED = 3.0f;
+constexpr float MAX_VOLUME = 5.0f;
+
+// --- stream interfaces ----------------------------------------------------------------
+
+// Anything with a position and a length in milliseconds.
+struct IMediaStream : public IUnknown {
+  virtual int32_t STDMETHODCALLTYPE GetPosition() = 0;
+  virtual void STDMETHODCALLTYPE SetPosition(int32_t Value) = 0;
+  virtual int32_t STDMETHODCALLTYPE GetLength() = 0;
+
+ protected:
+  ~IMediaStream() = default;
+};
+
+// A source of PCM that players pull from.
+struct ISoundStream : public IMediaStream {
+  using TParent = IMediaStream;
+  // Copies up to Size bytes of PCM into Buffer; 0 when nothing is (or will be) there.
+  virtual int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) = 0;
+  // The PCM format (the 18 bytes of the structure, cbSize included).
+  virtual WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() = 0;
+
+ protected:
+  ~ISoundStream() = default;
+};
+
+// A source that can tell "no data yet" from "no data ever again".
+struct IFinishable : public IUnknown {
+  virtual bool STDMETHODCALLTYPE GetFinished() = 0;
+
+ protected:
+  ~IFinishable() = default;
+};
+
+// What a video source delivers: the frame layout and the frame rate.
+struct TVideoInfo {
+  BITMAPINFOHEADER Header;
+  float FPS;
+};
+
+// A zeroed header with biSize 40, the size, one plane and the bit count, then the rate.
+TVideoInfo VideoInfo(int32_t Width, int32_t Height, int32_t BitCount, float FPS);
+
+// A source of video frames.
+struct IVideoStream : public IMediaStream {
+  using TParent = IMediaStream;
+  virtual TVideoInfo STDMETHODCALLTYPE GetVideoInfo() = 0;
+  // Points Data at the current frame's pixels; returns their size in bytes.
+  virtual int32_t STDMETHODCALLTYPE GetFrameData(void*& Data) = 0;
+  // Moves to the next frame and gives the HBITMAP holding it; false when none comes.
+  virtual bool STDMETHODCALLTYPE GetFrame(uint32_t& Frame) = 0;
+
+ protected:
+  ~IVideoStream() = default;
+};
+
+// --- modes ----------------------------------------------------------------------------
+
+enum TPlayerMode : uint8_t { pmNotReady = 0, pmStopped = 1, pmPlaying = 2, pmPaused = 3, pmFinished = 4 };
+
+// "Not ready", "Stopped", "Playing", "Paused", "Finished"; "Unknown" for anything else.
+std::string PlayerModeToStr(TPlayerMode Mode);
 
 // --- tempo corrector ------------------------------------------------------------------
 
@@ -59,6 +147,131 @@ class TTempCorrector {
   WAVEFORMAT FFormat{};
   float FTempo = 1.0f;
   std::unique_ptr<UWAV::TWAVFile> FDebugFile;
+};
+
+// --- media player ---------------------------------------------------------------------
+
+class TklMediaPlayer;
+
+// Owns the hidden "WaveOutWindow" window that receives the device's block-done
+// messages; every block after the first two is queued from this thread.
+class TWaveOutThread : public TThread {
+ public:
+  explicit TWaveOutThread(TklMediaPlayer* Player);
+  ~TWaveOutThread() override;
+  HWND Window() const { return FWindow.load(); }
+
+ protected:
+  void Execute() override;
+
+ private:
+  std::atomic<HWND> FWindow{nullptr};
+  TklMediaPlayer* FPlayer;
+};
+
+// Keeps the player's read-ahead pipe topped up from its source every 10 ms.
+class TWavBufferThread : public TThread {
+ public:
+  explicit TWavBufferThread(TklMediaPlayer* Player);
+  ~TWavBufferThread() override;
+
+ protected:
+  void Execute() override;
+
+ private:
+  TklMediaPlayer* FPlayer;
+};
+
+using TNotifyEvent = std::function<void(void* Sender)>;
+using TSendingWavBlockEvent = std::function<void(void* Buffer, int32_t Size)>;
+
+// Plays any ISoundStream on the wave-out device: two tenth-of-a-second blocks in turn,
+// fed from a read-ahead pipe, with speed (tempo corrector) and software volume.
+// Call the public operations from one thread; the events come on the player's threads.
+class TklMediaPlayer {
+ public:
+  TklMediaPlayer();
+  ~TklMediaPlayer();
+  TklMediaPlayer(const TklMediaPlayer&) = delete;
+  TklMediaPlayer& operator=(const TklMediaPlayer&) = delete;
+
+  void SetSource(ISoundStream* Value);
+  ComPtr<ISoundStream> GetSource();
+
+  // True unless there is no source or the mode forbids it; a failing start shows in
+  // the mode (pmStopped), not in the result.
+  bool Play();
+  void Pause();
+  void Stop();
+  void Close();
+
+  int32_t GetPosition();
+  void SetPosition(int32_t Ms);
+  int32_t GetLength();
+  TPlayerMode GetMode() const { return FMode.load(); }
+  float GetSpeed() const { return FSpeed.load(); }
+  // Taken when 0 < Value < MAX_SPEED; restarts the device from the current position.
+  void SetSpeed(float Value);
+  float GetVolume() const { return FVolume.load(); }
+  // Taken when 0 <= Value <= MAX_VOLUME.
+  void SetVolume(float Value);
+  int32_t BytesToMilliseconds(int32_t Bytes);
+  // "OK" while the last device call succeeded, empty after a failure.
+  std::string GetErrorMessage() const;
+  void SetCallback(uint32_t A, uint32_t B) {
+    FCallbackA = A;
+    FCallbackB = B;
+  }
+
+  TNotifyEvent GetOnFinish() const { return FOnFinish; }
+  void SetOnFinish(TNotifyEvent Value) { FOnFinish = std::move(Value); }
+  TSendingWavBlockEvent GetOnSendingWavBlock() const { return FOnSendingWavBlock; }
+  void SetOnSendingWavBlock(TSendingWavBlockEvent Value) { FOnSendingWavBlock = std::move(Value); }
+
+  // Called by the player's threads.
+  bool PrepareHeaders();
+  void UnprepareHeaders();
+  void AdjustBufferSize();
+  bool QueueNextBuffer(WAVEHDR* Header);
+  void DecStopFlag();
+  // One round of the buffer thread: tops the read-ahead up to its limit.
+  void FillWavBuffer(std::vector<uint8_t>& Block);
+  // The device sent a block back (MM_WOM_DONE).
+  void BlockDone(WAVEHDR* Header);
+
+  // The read-ahead limit: three seconds of 44.1 kHz 16-bit stereo.
+  static constexpr int32_t WAV_BUFFER_LIMIT = 529200;
+
+ private:
+  bool OnWaveOutThread() const;
+  void ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format);
+  void CloseDevices();
+
+  ComPtr<ISoundStream> FSoundStream;
+  std::atomic<TPlayerMode> FMode{pmNotReady};
+  std::atomic<float> FSpeed{1.0f};
+  std::atomic<float> FVolume{1.0f};
+  uint32_t FCallbackA = 0;
+  uint32_t FCallbackB = 0;
+  HWAVEOUT FWaveOut = nullptr;
+  // Devices of earlier sources: kept open until Close, so that none outlives the player.
+  std::vector<HWAVEOUT> FOldDevices;
+  std::vector<uint8_t> FBuffers[2];
+  WAVEHDR FHeaders[2]{};
+  std::unique_ptr<TTempCorrector> FCorrector;
+  TCriticalSection FLock;
+  // Serialises every use of the source and the read-ahead refills, so that blocks
+  // from different threads never interleave or cross a seek.
+  TCriticalSection FSourceLock;
+  int32_t FBufferSize = 0;
+  std::atomic<int32_t> FStopFlag{0};
+  std::atomic<int32_t> FLastError{0};
+  std::atomic<int32_t> FQueueing{0};
+  std::unique_ptr<TWaveOutThread> FWaveOutThread;
+  std::unique_ptr<TWavBufferThread> FWavBufferThread;
+  ComPtr<UPipe::IPipe> FWavBuffer;
+  TSendingWavBlockEvent FOnSendingWavBlock;
+  TNotifyEvent FOnFinish;
 };
 
 }  // namespace kl::klMediaPlayer

@@ -1,0 +1,65 @@
+#include "playback/USoundStreams.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "diagnostics/klLog.h"
+#include "rtl/SysUtils.h"
+
+namespace kl::USoundStreams {
+
+// --- TWavFileSoundStream --------------------------------------------------------------
+
+TWavFileSoundStream::TWavFileSoundStream(const std::string& FileName) {
+  if (!FileExists(FileName)) {
+    klLog::AddToEventLog("TWavFileSoundStream.Create: file not found: \r\n" + FileName, klLog::lkError);
+    throw EAbort("");
+  }
+  try {
+    FWavFile = std::make_unique<UWAV::TWAVFile>(FileName);
+  } catch (const std::exception&) {
+    FWavFile.reset();
+  }
+  // A file that vanished between the check and the open gives an empty reader.
+  if (!FWavFile || !FWavFile->IsOpen() || FWavFile->Format() == nullptr) {
+    klLog::AddToEventLog("TWavFileSoundStream.Create: cannot open file: \r\n" + FileName, klLog::lkError);
+    throw EAbort("");
+  }
+}
+
+int32_t TWavFileSoundStream::GetLength() {
+  const WAVEFORMATEX* f = FWavFile->Format();
+  const int32_t blockAlign = f->nBlockAlign;
+  const int64_t rate = f->nSamplesPerSec;
+  if (blockAlign < 1 || rate < 1) return 0;
+  const int32_t frames = FWavFile->GetDataSize() / blockAlign;
+  return static_cast<int32_t>(Round(static_cast<double>(frames) / static_cast<double>(rate) * 1000));
+}
+
+int32_t TWavFileSoundStream::GetPosition() { return FPosition; }
+
+void TWavFileSoundStream::SetPosition(int32_t Ms) {
+  FPosition = std::max(0, std::min(Ms, GetLength()));
+  FDataPos = 0;
+  const WAVEFORMATEX* f = FWavFile->Format();
+  if (f->nBlockAlign >= 1 && f->nSamplesPerSec >= 1) {
+    FDataPos = Round(Ms / 1000.0 * f->nSamplesPerSec) * f->nBlockAlign;
+  }
+}
+
+int32_t TWavFileSoundStream::GetWavData(void* Buffer, int32_t Size) {
+  // Offsets beyond what the reader takes read nothing, as offsets past the data do.
+  if (FDataPos < 0 || FDataPos > INT32_MAX) return 0;
+  const int32_t n = FWavFile->GetData(static_cast<int32_t>(FDataPos), Size, Buffer);
+  FDataPos += n;
+  return n;
+}
+
+WAVEFORMATEX TWavFileSoundStream::GetWaveFormat() {
+  WAVEFORMATEX r{};
+  std::memcpy(&r, FWavFile->Format(), sizeof r);
+  return r;
+}
+
+}  // namespace kl::USoundStreams

@@ -1,0 +1,407 @@
+// TklMediaPlayer on the real wave-out device, checked against what the audio server
+// recorded (a null sink whose monitor the test script captures).
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <tlhelp32.h>
+
+#include <atomic>
+#include <cmath>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "PlaybackTestUtil.h"
+
+using namespace kltest::playback;
+using kl::klMediaPlayer::TklMediaPlayer;
+using kl::klMediaPlayer::TPlayerMode;
+using namespace kl::klMediaPlayer;
+
+namespace {
+
+constexpr int RATE = 44100;
+
+#define REQUIRE_CAPTURE()                                                  \
+  if (!kltest::TCapture::Available()) GTEST_SKIP() << "no audio capture"; \
+  static_assert(true, "")
+
+int ThreadCount() {
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (snap == INVALID_HANDLE_VALUE) return -1;
+  THREADENTRY32 e{};
+  e.dwSize = sizeof e;
+  int n = 0;
+  for (BOOL ok = Thread32First(snap, &e); ok; ok = Thread32Next(snap, &e)) {
+    if (e.th32OwnerProcessID == GetCurrentProcessId()) ++n;
+  }
+  CloseHandle(snap);
+  return n;
+}
+
+// Plays Source to its end (a finishing source) and returns what was recorded.
+struct TRun {
+  std::vector<TFrame> Captured;
+  int Finishes = 0;
+  TPlayerMode Mode = pmNotReady;
+};
+
+TRun PlayToEnd(TklMediaPlayer& P, ISoundStream* Source, DWORD TimeoutMs) {
+  TRun r;
+  std::atomic<int> finishes{0};
+  P.SetOnFinish([&finishes](void*) { ++finishes; });
+  P.SetSource(Source);
+  const int64_t mark = kltest::TCapture::Mark();
+  EXPECT_TRUE(P.Play());
+  EXPECT_TRUE(WaitUntil([&] { return P.GetMode() == pmFinished; }, TimeoutMs));
+  Sleep(100);  // a second finish would come with the next returned block
+  r.Finishes = finishes;
+  r.Mode = P.GetMode();
+  r.Captured = Frames(kltest::TCapture::Since(mark));
+  P.SetOnFinish(nullptr);
+  return r;
+}
+
+}  // namespace
+
+TEST(MediaPlayer, PlaysEveryFrameOfTheFileInOrderAndFinishesOnce) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const auto frames = Pattern(RATE * 3 / 2);  // 1.5 s: 15 blocks
+  TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
+  const TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 6000);
+  EXPECT_EQ(pmFinished, r.Mode);
+  EXPECT_EQ(1, r.Finishes);
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
+  }
+  const TPlayed played = Analyse(r.Captured, frames);
+  EXPECT_EQ(0, played.Foreign);
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, frames.size(), RATE));
+}
+
+TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const auto frames = Pattern(RATE);
+  TklMediaPlayer p;
+  p.SetVolume(0.5f);
+  EXPECT_EQ(0.5f, p.GetVolume());
+  TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 5000);
+  const auto half = Scaled(frames, 0.5);
+  TPlayed played = Analyse(r.Captured, half);
+  EXPECT_EQ(0, played.Foreign);  // every value halved, none left as it was
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, half.size(), RATE));
+
+  // 8-bit stereo: bytes are scaled as signed values, so 0x80 (silence) becomes 0xC0,
+  // 0x40 becomes 0x20, 0xFF (-1) becomes 0x00 (-0.5 to even) and 0x10 becomes 0x08.
+  const unsigned char in[4] = {0x80, 0x40, 0xFF, 0x10};
+  const unsigned char out[4] = {0xC0, 0x20, 0x00, 0x08};
+  std::string data;
+  for (int i = 0; i < RATE / 2; ++i) data.append(reinterpret_cast<const char*>(in), 4);  // 1 s
+  kltest::WriteFileBytes(dir / "b8.wav", kltest::MakeWav(2, RATE, 8, data));
+  r = PlayToEnd(p, WavSource(dir / "b8.wav", true).Get(), 5000);
+  std::vector<TFrame> expected;
+  for (int i = 0; i < RATE / 2; ++i) {
+    for (int k = 0; k < 4; k += 2) {
+      expected.push_back({static_cast<int16_t>((out[k] - 128) * 256), static_cast<int16_t>((out[k + 1] - 128) * 256)});
+    }
+  }
+  int64_t matching = 0, other = 0;
+  std::string others;
+  for (size_t i = 0; i + 1 < r.Captured.size(); ++i) {
+    if (r.Captured[i].Silent()) continue;
+    // Once the data ends the driver pads an 8-bit device with byte 0 (full negative),
+    // not 0x80: not the player's doing.
+    if (r.Captured[i] == TFrame{-32768, -32768}) continue;
+    if (r.Captured[i] == expected[0] || r.Captured[i] == expected[1]) {
+      ++matching;
+    } else if (++other < 20) {
+      others += std::to_string(i) + ":" + std::to_string(r.Captured[i].L) + "," + std::to_string(r.Captured[i].R) + " ";
+    }
+  }
+  EXPECT_EQ("", others) << "of " << r.Captured.size();
+  EXPECT_GT(matching, RATE * 9 / 10);
+  EXPECT_EQ(0, other);
+}
+
+TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const auto frames = Pattern(RATE * 2);
+  TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
+  p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
+  const int64_t mark = kltest::TCapture::Mark();
+  ASSERT_TRUE(p.Play());
+  Sleep(700);
+  p.Pause();
+  EXPECT_EQ(pmPaused, p.GetMode());
+  Sleep(100);
+  const int32_t frozen = p.GetPosition();
+  Sleep(400);
+  EXPECT_EQ(frozen, p.GetPosition());
+  EXPECT_GT(frozen, 400);
+  EXPECT_TRUE(p.Play());
+  EXPECT_EQ(pmPlaying, p.GetMode());
+  EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 5000));
+  {
+    // What the player handed to the device: the file, once, in order.
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
+  }
+  const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), frames);
+  EXPECT_EQ(0, played.Foreign);
+  // What the server played: the driver replays a few milliseconds that were already
+  // in the server when it paused, but nothing is lost. Silence is dropped.
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, frames.size(), RATE));
+}
+
+TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const auto frames = Pattern(RATE * 3);
+  TklMediaPlayer p;
+  std::mutex lock;
+  std::string sent;
+  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
+    std::lock_guard<std::mutex> guard(lock);
+    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+  });
+  p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
+  const int64_t mark = kltest::TCapture::Mark();
+  ASSERT_TRUE(p.Play());
+  Sleep(600);
+  p.SetPosition(2000);
+  EXPECT_EQ(pmPlaying, p.GetMode());
+  const int32_t at = p.GetPosition();
+  EXPECT_GE(at, 2000);
+  EXPECT_LT(at, 2400);
+  EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 4000));
+  const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), frames);
+  EXPECT_EQ(0, played.Foreign);
+  // From the start for a while, then from the frame of 2000 ms to the end.
+  size_t jump = 1;
+  while (jump < played.Segments.size() && played.Segments[jump].Start < 2 * RATE) ++jump;
+  ASSERT_LT(jump, played.Segments.size()) << Describe(played);
+  EXPECT_EQ("", InOrder(played, 0, jump - 1, 0, played.Segments[jump - 1].Start + played.Segments[jump - 1].Count, RATE));
+  EXPECT_GT(played.Segments[jump - 1].Start + played.Segments[jump - 1].Count, RATE / 4);
+  EXPECT_EQ("", InOrder(played, jump, played.Segments.size() - 1, 2 * RATE, frames.size(), RATE));
+  {
+    // The device got a whole-block prefix of the file, then the file from 2000 ms on.
+    std::lock_guard<std::mutex> guard(lock);
+    const std::string all = Bytes(frames), tail = all.substr(2 * RATE * 4);
+    ASSERT_GE(sent.size(), tail.size());
+    const size_t head = sent.size() - tail.size();
+    EXPECT_EQ(0u, head % 17640);
+    EXPECT_TRUE(sent.compare(head, std::string::npos, tail) == 0);
+    EXPECT_TRUE(sent.compare(0, head, all, 0, head) == 0);
+  }
+}
+
+TEST(MediaPlayer, PositionFollowsTheWallClockAndScalesWithSpeed) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const double rate = DeviceRate();
+  if (rate < 0.97 || rate > 1.03) GTEST_SKIP() << "the audio server runs at " << rate << " of real time here";
+  TklMediaPlayer p;
+  p.SetSource(WavSource(WriteWav(dir, "a.wav", Pattern(RATE * 13)), true).Get());
+  ASSERT_TRUE(p.Play());
+  const DWORD t0 = timeGetTime();
+  Sleep(200);
+  const int32_t p0 = p.GetPosition();
+  const DWORD c0 = timeGetTime() - t0;
+  for (int i = 0; i < 5; ++i) {
+    Sleep(1000);
+    const int32_t pos = p.GetPosition();
+    const int32_t clock = static_cast<int32_t>(timeGetTime() - t0);
+    // Against the start: the device's byte count moves with the clock. On a quiet
+    // machine it stays within about 10 ms; the bound leaves room for the shared test
+    // machine's audio server losing a few per cent now and then.
+    EXPECT_NEAR(pos - p0, clock - static_cast<int32_t>(c0), 250) << "after " << i + 1 << " s";
+    // And absolutely, allowing for the device's lead at the start.
+    EXPECT_NEAR(pos, clock, 350);
+  }
+
+  // Speed 2 from 10 s: one second of play covers two seconds of the source.
+  p.SetSpeed(2.0f);
+  EXPECT_EQ(2.0f, p.GetSpeed());
+  p.SetPosition(10000);
+  EXPECT_EQ(pmPlaying, p.GetMode());
+  Sleep(1000);
+  EXPECT_NEAR(12000, p.GetPosition(), 400);
+  p.Stop();
+  EXPECT_EQ(pmStopped, p.GetMode());
+}
+
+TEST(MediaPlayer, SpeedTwoHalvesTheTimeAndKeepsThePitch) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  std::vector<TFrame> tone(RATE * 2);
+  for (size_t i = 0; i < tone.size(); ++i) {
+    const auto v = static_cast<int16_t>(std::lround(12000 * std::sin(2 * 3.14159265358979 * 440 * i / RATE)));
+    tone[i] = {v, v};
+  }
+  TklMediaPlayer p;
+  p.SetSpeed(2.0f);
+  const TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "t.wav", tone), true).Get(), 5000);
+  EXPECT_EQ(pmFinished, r.Mode);
+  // The server may insert silence when it falls behind: count only sounding frames,
+  // and zero crossings only between neighbours that both sound.
+  int64_t sounding = 0;
+  int crossings = 0;
+  for (size_t i = 0; i < r.Captured.size(); ++i) {
+    if (r.Captured[i].Silent()) continue;
+    ++sounding;
+    if (i > 0 && !r.Captured[i - 1].Silent() && (r.Captured[i - 1].L < 0) != (r.Captured[i].L < 0)) ++crossings;
+  }
+  EXPECT_NEAR(RATE, sounding, RATE / 10);  // 2 s of tone in about 1 s
+  // 440 Hz, not 880.
+  const double freq = crossings / 2.0 / (static_cast<double>(sounding) / RATE);
+  EXPECT_NEAR(440, freq, 25);
+}
+
+TEST(MediaPlayer, SpeedAndVolumeLimits) {
+  TklMediaPlayer p;
+  EXPECT_EQ(1.0f, p.GetSpeed());
+  EXPECT_EQ(1.0f, p.GetVolume());
+  EXPECT_EQ(pmNotReady, p.GetMode());
+  p.SetSpeed(3.0f);
+  EXPECT_EQ(1.0f, p.GetSpeed());
+  p.SetSpeed(0.0f);
+  EXPECT_EQ(1.0f, p.GetSpeed());
+  p.SetSpeed(-1.0f);
+  EXPECT_EQ(1.0f, p.GetSpeed());
+  p.SetSpeed(NAN);
+  EXPECT_EQ(1.0f, p.GetSpeed());
+  p.SetSpeed(2.99f);
+  EXPECT_EQ(2.99f, p.GetSpeed());
+  p.SetSpeed(0.5f);
+  EXPECT_EQ(0.5f, p.GetSpeed());
+  p.SetVolume(5.0f);
+  EXPECT_EQ(5.0f, p.GetVolume());
+  p.SetVolume(-0.1f);
+  EXPECT_EQ(5.0f, p.GetVolume());
+  p.SetVolume(5.01f);
+  EXPECT_EQ(5.0f, p.GetVolume());
+  p.SetVolume(0.0f);
+  EXPECT_EQ(0.0f, p.GetVolume());
+  EXPECT_EQ(0, p.GetPosition());
+  EXPECT_EQ(0, p.GetLength());
+  EXPECT_EQ(0, p.BytesToMilliseconds(176400));
+  EXPECT_FALSE(p.Play());
+  EXPECT_NE(std::string::npos, kl::klLog::GetWholeLog().find("TklMediaPlayer.Play: FSoundStream = nil"));
+}
+
+TEST(MediaPlayer, ModesAndPositionWithoutPlaying) {
+  kltest::TTempDir dir;
+  TklMediaPlayer p;
+  p.SetSource(WavSource(WriteWav(dir, "a.wav", Pattern(RATE * 2)), false).Get());
+  EXPECT_EQ(pmStopped, p.GetMode());
+  EXPECT_EQ(2000, p.GetLength());
+  EXPECT_EQ(1000, p.BytesToMilliseconds(176400));
+  EXPECT_EQ(0, p.BytesToMilliseconds(-5));
+  EXPECT_EQ("OK", p.GetErrorMessage());
+  p.Pause();  // not playing: nothing
+  EXPECT_EQ(pmStopped, p.GetMode());
+  p.SetPosition(1500);
+  EXPECT_EQ(pmStopped, p.GetMode());
+  EXPECT_EQ(1500, p.GetPosition());
+  p.Close();
+  EXPECT_EQ(pmNotReady, p.GetMode());
+  EXPECT_FALSE(p.GetSource());
+  EXPECT_EQ(0, p.GetPosition());
+}
+
+TEST(MediaPlayer, FileSourceWithoutFinishStaysPlayingAndLogsTheCastError) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  TklMediaPlayer p;
+  int finishes = 0;
+  p.SetOnFinish([&finishes](void*) { ++finishes; });
+  p.SetSource(WavSource(WriteWav(dir, "a.wav", Pattern(RATE / 2)), false).Get());
+  ASSERT_TRUE(p.Play());
+  EXPECT_TRUE(WaitUntil([] {
+    return kl::klLog::GetWholeLog().find("klMediaPlayer.WindowProc: Interface not supported") != std::string::npos;
+  }, 3000));
+  Sleep(300);
+  EXPECT_EQ(pmPlaying, p.GetMode());
+  EXPECT_EQ(0, finishes);
+  p.Stop();  // nothing is queued: returns at once
+  EXPECT_EQ(pmStopped, p.GetMode());
+}
+
+TEST(MediaPlayer, RefusedFormatShowsTheWriteErrorAndStops) {
+  kltest::TTempDir dir;
+  // A format tag no driver knows: no device opens for it, so the first write has no
+  // handle.
+  std::string wav = kltest::MakeWav(1, 8000, 8, std::string(8000, '\x80'));
+  wav[20] = '\x22';
+  wav[21] = '\x22';
+  kltest::WriteFileBytes(dir / "odd.wav", wav);
+  std::vector<std::string> boxes;
+  auto previous = kl::SetMessageBoxFunction([&boxes](HWND, const std::string& Text, const std::string& Caption, UINT Type) {
+    boxes.push_back(Text + "|" + Caption + "|" + std::to_string(Type));
+    return IDOK;
+  });
+  {
+    TklMediaPlayer p;
+    p.SetSource(WavSource(dir / "odd.wav", false).Get());
+    EXPECT_EQ("", p.GetErrorMessage());
+    EXPECT_TRUE(p.Play());  // the failure shows in the mode
+    EXPECT_EQ(pmStopped, p.GetMode());
+  }
+  kl::SetMessageBoxFunction(previous);
+  ASSERT_EQ(1u, boxes.size());
+  EXPECT_EQ("The specified handle is invalid|\xC2\xED\xE8\xEC\xE0\xED\xE8\xE5|48", boxes[0]);
+  EXPECT_NE(std::string::npos, kl::klLog::GetWholeLog().find("TklMediaPlayer.Play: QueueNextBuffer error"));
+}
+
+TEST(MediaPlayer, CloseDestroyAndSourceChangeDuringPlaybackEndCleanly) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const std::string a = WriteWav(dir, "a.wav", Pattern(RATE * 5));
+  const int threadsBefore = ThreadCount();
+  for (int round = 0; round < 2; ++round) {
+    auto p = std::make_unique<TklMediaPlayer>();
+    p->SetSource(WavSource(a, true).Get());
+    ASSERT_TRUE(p->Play());
+    Sleep(300);
+    // A new source while playing stops the old one and is ready to play.
+    p->SetSource(WavSource(a, true).Get());
+    EXPECT_EQ(pmStopped, p->GetMode());
+    ASSERT_TRUE(p->Play());
+    Sleep(300);
+    DWORD t = GetTickCount();
+    if (round == 0) {
+      p->Close();
+      EXPECT_EQ(pmNotReady, p->GetMode());
+      EXPECT_FALSE(p->Play());
+    }
+    p.reset();  // destroyed while playing in round 1
+    EXPECT_LT(GetTickCount() - t, 3000u);
+  }
+  EXPECT_EQ(nullptr, FindWindowA("WaveOutWindow", nullptr));
+  // The audio driver may keep a thread of its own; the players' threads are gone.
+  EXPECT_LE(ThreadCount(), threadsBefore + 2);
+
+  // The device is free again: a new player plays the file.
+  TklMediaPlayer p;
+  p.SetSource(WavSource(a, true).Get());
+  ASSERT_TRUE(p.Play());
+  Sleep(300);
+  EXPECT_GT(p.GetPosition(), 100);
+}

@@ -1,0 +1,241 @@
+// Test material for the players: recognisable PCM, WAV files of it, a source wrapper
+// that reports its end, and a reader of what the audio server played.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Components.h"
+#include "KlTest.h"
+
+namespace kltest::playback {
+
+using kl::ComPtr;
+using kl::klMediaPlayer::IFinishable;
+using kl::klMediaPlayer::ISoundStream;
+
+struct TFrame {
+  int16_t L, R;
+  bool operator==(const TFrame& O) const { return L == O.L && R == O.R; }
+  bool Silent() const { return L == 0 && R == 0; }
+};
+
+// Stereo frames no window of which repeats: a hash on the left, a ramp that is never
+// 0 on the right, so that every frame differs from silence.
+inline std::vector<TFrame> Pattern(int32_t Frames) {
+  std::vector<TFrame> v(static_cast<size_t>(Frames));
+  for (int32_t i = 0; i < Frames; ++i) {
+    const uint32_t h = static_cast<uint32_t>(i) * 2654435761u;
+    v[i].L = static_cast<int16_t>(static_cast<int32_t>(h >> 16) - 32768);
+    v[i].R = static_cast<int16_t>((i & 0x3FFF) + 1);
+  }
+  return v;
+}
+
+inline std::string Bytes(const std::vector<TFrame>& F) {
+  return std::string(reinterpret_cast<const char*>(F.data()), F.size() * sizeof(TFrame));
+}
+
+// The pattern after the player's software volume (16-bit, halves to even).
+inline std::vector<TFrame> Scaled(const std::vector<TFrame>& F, double Volume) {
+  std::vector<TFrame> r(F.size());
+  auto s = [Volume](int16_t v) {
+    double x = Volume * v;
+    x = x < -32768 ? -32768 : (x > 32767 ? 32767 : x);
+    return static_cast<int16_t>(kl::Round(x));
+  };
+  for (size_t i = 0; i < F.size(); ++i) r[i] = {s(F[i].L), s(F[i].R)};
+  return r;
+}
+
+// Writes a 44.1 kHz 16-bit stereo WAV of the frames.
+inline std::string WriteWav(const TTempDir& Dir, const std::string& Name, const std::vector<TFrame>& F) {
+  const std::string path = Dir / Name;
+  WriteFileBytes(path, MakeWav(2, 44100, 16, Bytes(F)));
+  return path;
+}
+
+inline std::vector<TFrame> Frames(const std::string& Raw) {
+  std::vector<TFrame> r(Raw.size() / sizeof(TFrame));
+  if (!r.empty()) std::memcpy(r.data(), Raw.data(), r.size() * sizeof(TFrame));
+  return r;
+}
+
+// A run of captured frames that equals Expected[Start .. Start + Count).
+struct TSegment {
+  int64_t Start = 0;
+  int64_t Count = 0;
+};
+
+// Cuts what was captured into runs of the expected frames, silence dropped. A captured
+// frame that continues no run and starts no findable one is counted as foreign.
+struct TPlayed {
+  std::vector<TSegment> Segments;
+  int64_t Foreign = 0;
+  int64_t Frames() const {
+    int64_t n = 0;
+    for (const auto& s : Segments) n += s.Count;
+    return n;
+  }
+};
+
+inline TPlayed Analyse(const std::vector<TFrame>& Captured, const std::vector<TFrame>& Expected) {
+  constexpr size_t WINDOW = 8;
+  TPlayed r;
+  size_t c = 0;
+  int64_t next = -1;  // expected index the current run continues with
+  while (c < Captured.size()) {
+    if (Captured[c].Silent()) {
+      ++c;
+      continue;
+    }
+    if (next >= 0 && next < static_cast<int64_t>(Expected.size()) && Captured[c] == Expected[next]) {
+      ++r.Segments.back().Count;
+      ++next;
+      ++c;
+      continue;
+    }
+    // Find where this run starts: the first place where WINDOW frames agree.
+    int64_t found = -1;
+    if (c + WINDOW <= Captured.size()) {
+      for (size_t e = 0; e + WINDOW <= Expected.size() && found < 0; ++e) {
+        if (!(Expected[e] == Captured[c])) continue;
+        bool all = true;
+        for (size_t k = 1; k < WINDOW && all; ++k) all = Expected[e + k] == Captured[c + k];
+        if (all) found = static_cast<int64_t>(e);
+      }
+    }
+    if (found < 0) {
+      // Past a few thousand the capture is plainly something else; stop searching.
+      if (++r.Foreign > 4000) break;
+      ++c;
+      next = -1;
+      continue;
+    }
+    r.Segments.push_back({found, 0});
+    next = found;
+  }
+  return r;
+}
+
+inline std::string Describe(const TPlayed& P) {
+  std::string r = "foreign " + std::to_string(P.Foreign) + "; runs";
+  for (const auto& s : P.Segments) r += " " + std::to_string(s.Start) + "+" + std::to_string(s.Count);
+  return r;
+}
+
+// Whether the runs play Expected[From .. To) in order. The audio server on a loaded
+// machine may drop a few milliseconds (the recorder or the driver falls behind), and the
+// driver replays a few after a pause; anything beyond that is the player's fault.
+inline std::string InOrder(const TPlayed& P, size_t First, size_t Last, int64_t From, int64_t To, int Rate) {
+  const int64_t startSlack = 5 * Rate / 1000, lossSlack = 90 * Rate / 1000, repeatSlack = 10 * Rate / 1000;
+  if (P.Segments.size() <= Last || First > Last) return "too few runs: " + Describe(P);
+  if (P.Segments[First].Start < From || P.Segments[First].Start > From + startSlack) return "bad start: " + Describe(P);
+  int64_t covered = P.Segments[First].Count;
+  for (size_t i = First + 1; i <= Last; ++i) {
+    const int64_t end = P.Segments[i - 1].Start + P.Segments[i - 1].Count;
+    if (P.Segments[i].Start < end - repeatSlack) return "repeated: " + Describe(P);
+    if (P.Segments[i].Start > end + lossSlack) return "lost: " + Describe(P);
+    covered += P.Segments[i].Count;
+  }
+  const auto& last = P.Segments[Last];
+  if (last.Start + last.Count != To) return "bad end: " + Describe(P);
+  if (covered < (To - From) * 9 / 10) return "too little: " + Describe(P);
+  return "";
+}
+
+// Hands on a file stream and says "finished" once it has no more data, so that the
+// player can reach pmFinished.
+class TFinishingSource : public kl::TInterfacedObject<ISoundStream, IFinishable> {
+ public:
+  explicit TFinishingSource(ISoundStream* Inner) : FInner(Inner) {}
+  int32_t STDMETHODCALLTYPE GetPosition() override { return FInner->GetPosition(); }
+  void STDMETHODCALLTYPE SetPosition(int32_t Ms) override {
+    FEnded = false;
+    FInner->SetPosition(Ms);
+  }
+  int32_t STDMETHODCALLTYPE GetLength() override { return FInner->GetLength(); }
+  int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override {
+    const int32_t n = FInner->GetWavData(Buffer, Size);
+    if (n <= 0 && Size > 0) FEnded = true;
+    return n;
+  }
+  WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override { return FInner->GetWaveFormat(); }
+  bool STDMETHODCALLTYPE GetFinished() override { return FEnded; }
+
+ private:
+  ComPtr<ISoundStream> FInner;
+  std::atomic<bool> FEnded{false};
+};
+
+inline ComPtr<ISoundStream> WavSource(const std::string& Path, bool Finishing) {
+  ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(Path);
+  if (!Finishing) return wav;
+  return ComPtr<ISoundStream>(new TFinishingSource(wav.Get()));
+}
+
+// How fast the wave-out device runs against the wall clock here (1.0 = real time),
+// measured with a plain four-block waveOut loop over one second. Under load the audio
+// server of the test machine may fall well behind; timing checks mean nothing then.
+inline double DeviceRate() {
+  WAVEFORMATEX f{WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0};
+  HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  HWAVEOUT h = nullptr;
+  if (waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(ev), 0, CALLBACK_EVENT) != MMSYSERR_NOERROR) {
+    CloseHandle(ev);
+    return 0;
+  }
+  std::vector<std::vector<char>> data(4, std::vector<char>(17640, 0));
+  std::vector<WAVEHDR> hd(4);
+  for (size_t i = 0; i < hd.size(); ++i) {
+    hd[i] = WAVEHDR{};
+    hd[i].lpData = data[i].data();
+    hd[i].dwBufferLength = 17640;
+    waveOutPrepareHeader(h, &hd[i], sizeof(WAVEHDR));
+    waveOutWrite(h, &hd[i], sizeof(WAVEHDR));
+  }
+  // From 200 ms on: the device's count leads the clock by its start-up latency.
+  auto position = [h] {
+    MMTIME t{};
+    t.wType = TIME_BYTES;
+    waveOutGetPosition(h, &t, sizeof t);
+    return t.u.cb / 176.4;
+  };
+  const DWORD t0 = timeGetTime();
+  double p1 = 0;
+  DWORD t1 = 0;
+  while (timeGetTime() - t0 < 1200) {
+    WaitForSingleObject(ev, 5);
+    for (auto& x : hd) {
+      if (x.dwFlags & WHDR_DONE) waveOutWrite(h, &x, sizeof(WAVEHDR));
+    }
+    if (t1 == 0 && timeGetTime() - t0 >= 200) {
+      t1 = timeGetTime();
+      p1 = position();
+    }
+  }
+  const double rate = (position() - p1) / (timeGetTime() - t1);
+  waveOutReset(h);
+  for (auto& x : hd) waveOutUnprepareHeader(h, &x, sizeof(WAVEHDR));
+  waveOutClose(h);
+  CloseHandle(ev);
+  return rate;
+}
+
+// Waits until Done() or TimeoutMs passes; true when Done.
+template <class F>
+bool WaitUntil(F Done, DWORD TimeoutMs) {
+  const DWORD start = GetTickCount();
+  while (!Done()) {
+    if (GetTickCount() - start > TimeoutMs) return false;
+    Sleep(10);
+  }
+  return true;
+}
+
+}  // namespace kltest::playback

@@ -1,0 +1,136 @@
+// klPlay: plays a WAV file on the wave-out device with TklMediaPlayer, the way to hear
+// the library. Shows "position / length  mode" while playing; ends at the end of the
+// file or on any key.
+//
+//   klPlay [--speed S] [--volume V] [--start MS] file.wav
+#include <conio.h>
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "Components.h"
+
+using kl::ComPtr;
+using kl::klMediaPlayer::IFinishable;
+using kl::klMediaPlayer::ISoundStream;
+using kl::klMediaPlayer::TklMediaPlayer;
+
+namespace {
+
+// Tells the player when the file has no more data, so that it reaches pmFinished:
+// file streams alone do not say so.
+class TEndingSource : public kl::TInterfacedObject<ISoundStream, IFinishable> {
+ public:
+  explicit TEndingSource(ISoundStream* Inner) : FInner(Inner) {}
+  int32_t STDMETHODCALLTYPE GetPosition() override { return FInner->GetPosition(); }
+  void STDMETHODCALLTYPE SetPosition(int32_t Ms) override {
+    FEnded = false;
+    FInner->SetPosition(Ms);
+  }
+  int32_t STDMETHODCALLTYPE GetLength() override { return FInner->GetLength(); }
+  int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override {
+    const int32_t n = FInner->GetWavData(Buffer, Size);
+    if (n <= 0 && Size > 0) FEnded = true;
+    return n;
+  }
+  WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override { return FInner->GetWaveFormat(); }
+  bool STDMETHODCALLTYPE GetFinished() override { return FEnded; }
+
+ private:
+  ComPtr<ISoundStream> FInner;
+  std::atomic<bool> FEnded{false};
+};
+
+std::string Clock(int32_t Ms) {
+  if (Ms < 0) Ms = 0;
+  return kl::Format("%02d:%02d.%01d", Ms / 60000, Ms / 1000 % 60, Ms / 100 % 10);
+}
+
+// A key on a console, or anything written to a standard input that is a Windows pipe.
+bool KeyPressed() {
+  HANDLE in = GetStdHandle(STD_INPUT_HANDLE);
+  DWORD mode = 0;
+  if (in != nullptr && in != INVALID_HANDLE_VALUE && GetConsoleMode(in, &mode)) {
+    if (_kbhit()) {
+      (void)_getch();
+      return true;
+    }
+    return false;
+  }
+  DWORD avail = 0;
+  return in != nullptr && GetFileType(in) == FILE_TYPE_PIPE && PeekNamedPipe(in, nullptr, 0, nullptr, &avail, nullptr) &&
+         avail > 0;
+}
+
+int Usage() {
+  std::fprintf(stderr, "usage: klPlay [--speed S] [--volume V] [--start MS] file.wav\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  float speed = 1.0f, volume = 1.0f;
+  int32_t start = 0;
+  std::string file;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if ((a == "--speed" || a == "--volume" || a == "--start") && i + 1 < argc) {
+      const char* v = argv[++i];
+      char* end = nullptr;
+      const double d = std::strtod(v, &end);
+      if (end == v || *end != 0) return Usage();
+      if (a == "--speed") speed = static_cast<float>(d);
+      if (a == "--volume") volume = static_cast<float>(d);
+      if (a == "--start") start = static_cast<int32_t>(d);
+    } else if (!a.empty() && a[0] != '-' && file.empty()) {
+      file = a;
+    } else {
+      return Usage();
+    }
+  }
+  if (file.empty()) return Usage();
+
+  ComPtr<ISoundStream> source;
+  try {
+    ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(file);
+    source = new TEndingSource(wav.Get());
+  } catch (const std::exception&) {
+    std::fprintf(stderr, "klPlay: cannot open %s (the library's log says why)\n", file.c_str());
+    return 1;
+  }
+
+  TklMediaPlayer player;
+  std::atomic<bool> finished{false};
+  player.SetOnFinish([&finished](void*) { finished = true; });
+  player.SetSource(source.Get());
+  player.SetVolume(volume);
+  player.SetSpeed(speed);
+  if (start != 0) player.SetPosition(start);
+  if (speed != player.GetSpeed()) std::fprintf(stderr, "klPlay: speed %g refused (0 < speed < 3)\n", speed);
+  if (volume != player.GetVolume()) std::fprintf(stderr, "klPlay: volume %g refused (0 to 5)\n", volume);
+  player.Play();
+
+  const std::string length = Clock(player.GetLength());
+  int result = 0;
+  for (;;) {
+    const auto mode = player.GetMode();
+    std::printf("\r%s / %s  %-10s", Clock(player.GetPosition()).c_str(), length.c_str(),
+                kl::klMediaPlayer::PlayerModeToStr(mode).c_str());
+    std::fflush(stdout);
+    if (finished || mode == kl::klMediaPlayer::pmFinished) break;
+    if (mode != kl::klMediaPlayer::pmPlaying) {
+      result = 1;  // the device refused to start
+      break;
+    }
+    if (KeyPressed()) break;
+    Sleep(100);
+  }
+  std::printf("\n");
+  player.Close();
+  return result;
+}
