@@ -133,7 +133,7 @@ inline std::string Describe(const TPlayed& P) {
 // machine may drop a few milliseconds (the recorder or the driver falls behind), and the
 // driver replays a few after a pause; anything beyond that is the player's fault.
 inline std::string InOrder(const TPlayed& P, size_t First, size_t Last, int64_t From, int64_t To, int Rate) {
-  const int64_t startSlack = 5 * Rate / 1000, lossSlack = 90 * Rate / 1000, repeatSlack = 10 * Rate / 1000;
+  const int64_t startSlack = 20 * Rate / 1000, lossSlack = 90 * Rate / 1000, repeatSlack = 10 * Rate / 1000;
   if (P.Segments.size() <= Last || First > Last) return "too few runs: " + Describe(P);
   if (P.Segments[First].Start < From || P.Segments[First].Start > From + startSlack) return "bad start: " + Describe(P);
   int64_t covered = P.Segments[First].Count;
