@@ -62,4 +62,42 @@ WAVEFORMATEX TWavFileSoundStream::GetWaveFormat() {
   return r;
 }
 
+// --- TWavPipeSoundStream --------------------------------------------------------------
+
+TWavPipeSoundStream::TWavPipeSoundStream(const WAVEFORMATEX& Format, UPipe::INamedPipe2* Pipe)
+    : FPipe(Pipe), FWaveFormat(Format), FFinished(std::make_shared<std::atomic<bool>>(false)) {
+  // The pipe calls a copy of its handler outside its lock, so the handler may still run
+  // after this stream has gone: it holds the flag, not the stream.
+  if (FPipe) {
+    std::shared_ptr<std::atomic<bool>> finished = FFinished;
+    FPipe->SetOnDisconnect([finished](void*) { finished->store(true); });
+  }
+}
+
+TWavPipeSoundStream::~TWavPipeSoundStream() {
+  // The pipe may outlive this stream and be handed to another reader.
+  if (FPipe) FPipe->SetOnDisconnect(nullptr);
+}
+
+int32_t TWavPipeSoundStream::GetPosition() { return FPosition; }
+
+void TWavPipeSoundStream::SetPosition(int32_t Ms) { FPosition = std::max(0, Ms); }
+
+int32_t TWavPipeSoundStream::GetLength() { return FLength; }
+
+int32_t TWavPipeSoundStream::GetWavData(void* Buffer, int32_t Size) {
+  if (!FPipe || Buffer == nullptr || Size < 1) return 0;
+  return FPipe->Read(Buffer, Size);
+}
+
+WAVEFORMATEX TWavPipeSoundStream::GetWaveFormat() { return FWaveFormat; }
+
+bool TWavPipeSoundStream::GetFinished() {
+  if (!FFinished->load()) return false;
+  // The last bytes may have been queued between the reader's empty read and this call.
+  return !FPipe || FPipe->GetSizeToRead() == 0;
+}
+
+void TWavPipeSoundStream::OnDisconnect(void* /*Sender*/) { FFinished->store(true); }
+
 }  // namespace kl::USoundStreams
