@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "diagnostics/klLog.h"
 #include "rtl/SysUtils.h"
@@ -61,6 +63,223 @@ WAVEFORMATEX TWavFileSoundStream::GetWaveFormat() {
   std::memcpy(&r, FWavFile->Format(), sizeof r);
   return r;
 }
+
+// --- TMp3Buffer -----------------------------------------------------------------------
+
+TMp3Buffer::TMp3Buffer() : FPipe(MakeInterface<UPipe::IPipe, UPipe::TPipe>(131072)) {
+  if (!FPipe) throw std::bad_alloc();
+}
+
+bool TMp3Buffer::Write(const void* Buffer, int32_t Count) { return FPipe->Write(Buffer, Count); }
+int32_t TMp3Buffer::Read(void* Buffer, int32_t Count) { return FPipe->Read(Buffer, Count); }
+void TMp3Buffer::Clear() { FPipe->Clear(); }
+int32_t TMp3Buffer::GetSizeToRead() { return FPipe->GetSizeToRead(); }
+void TMp3Buffer::Lock() { FPipe->Lock(); }
+void TMp3Buffer::Unlock() { FPipe->Unlock(); }
+int32_t TMp3Buffer::ReadFromStream(TStream* Stream, int32_t Count) { return FPipe->ReadFromStream(Stream, Count); }
+int32_t TMp3Buffer::ReadFromFile(const std::string& FileName, int32_t Count, int64_t Position) {
+  return FPipe->ReadFromFile(FileName, Count, Position);
+}
+int32_t TMp3Buffer::WriteToStream(TStream* Stream, int32_t Count) { return FPipe->WriteToStream(Stream, Count); }
+int32_t TMp3Buffer::WriteToFile(const std::string& FileName, int32_t Count, bool Append) {
+  return FPipe->WriteToFile(FileName, Count, Append);
+}
+int32_t TMp3Buffer::ReadFromPipe(UPipe::IPipe* Pipe, int32_t Count) { return FPipe->ReadFromPipe(Pipe, Count); }
+int32_t TMp3Buffer::WriteToPipe(UPipe::IPipe* Pipe, int32_t Count) { return FPipe->WriteToPipe(Pipe, Count); }
+
+bool TMp3Buffer::Finish() {
+  FFinished = true;
+  return true;
+}
+
+bool TMp3Buffer::GetFinished() { return FFinished; }
+
+// --- TMp3StreamSoundStream ------------------------------------------------------------
+
+namespace {
+
+// How much of the source one scan step reads.
+constexpr int32_t kScanBlock = 40960;
+// How much of the source one decoding step takes.
+constexpr int32_t kDecodeBlock = 4096;
+
+uint16_t Word16(const uint8_t* P) { return static_cast<uint16_t>(P[0] | P[1] << 8); }
+
+// Reads up to Count bytes, going on after short reads; a failing stream ends the data.
+int32_t ReadSome(TStream& Stream, uint8_t* Buffer, int64_t Count) {
+  if (Count <= 0) return 0;
+  int32_t total = 0;
+  while (total < Count) {
+    int32_t n = 0;
+    try {
+      n = Stream.Read(Buffer + total, static_cast<int32_t>(Count - total));
+    } catch (const std::exception&) {
+      n = 0;
+    }
+    if (n <= 0) break;
+    total += n;
+  }
+  return total;
+}
+
+}  // namespace
+
+TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int64_t Len)
+    : FStream(Stream), FStart(Start), FLen(Len) {
+  if (FLen == 0 && FStream != nullptr) FLen = FStream->GetSize();
+  if (FLen == 0 || FStream == nullptr) {
+    klLog::AddToEventLog("TMp3StreamSoundStream.Create: wrong Len", klLog::lkError);
+    return;
+  }
+  FConverter = MakeInterface<UAudioConverter::IAudioConverter, UAudioConverter::TAudioConverter>();
+  auto* buffer = new TMp3Buffer();
+  FBuffer = static_cast<UPipe::IPipe*>(buffer);
+  FPosition = 0;
+  UMp3::GetMP3Info(FStream, FMp3Info);
+
+  WAVEFORMATEX* mp3Format = nullptr;
+  struct TFreeFormat {
+    WAVEFORMATEX*& Format;
+    ~TFreeFormat() { std::free(Format); }
+  } freeFormat{mp3Format};
+  UAudioConverter::CreateMp3WaveFormat(static_cast<uint32_t>(FMp3Info.SampleRate),
+                                       static_cast<uint16_t>(FMp3Info.Channels), FMp3Info.BitRate, mp3Format);
+  UAudioConverter::InitPcmWaveFormat(static_cast<uint32_t>(FMp3Info.SampleRate),
+                                     static_cast<uint16_t>(FMp3Info.Channels), 16, &FWaveFormat);
+  if (FConverter) {
+    FConverter->SetInFormat(mp3Format);
+    FConverter->SetOutFormat(&FWaveFormat);
+    FConverter->SetOutStream(static_cast<UAudioConverter::IWritable*>(buffer));
+  }
+  BuildFrameIndex();
+  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
+}
+
+void TMp3StreamSoundStream::BuildFrameIndex() {
+  int32_t frameSize = UMp3::GetMP3FrameSize(FMp3Info, false);
+  // Without a first header there is nothing to index (and no size to count frames by).
+  if (frameSize < 1) {
+    klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
+    return;
+  }
+  // The index never holds more entries than an unpadded frame size allows; it grows as
+  // frames are found, so an absurd Len costs nothing up front.
+  const int64_t capacity = FLen / frameSize + 1;
+  FFrames.reserve(static_cast<size_t>(std::min<int64_t>(capacity, 1 << 16)));
+
+  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
+  const int64_t end = FStart + FLen;
+  // Two spare zero bytes behind the block, so a header word read at its very end is
+  // defined; the scan itself only trusts what was read.
+  std::vector<uint8_t> work(kScanBlock + 4, 0);
+  uint8_t* const buf = work.data();
+  int64_t offset = 0;
+  int32_t keep = 0;
+  int32_t pos = 0;
+  uint16_t lastHeader = 0;
+  bool done = false;
+  while (!done && capacity > static_cast<int64_t>(FFrames.size())) {
+    const int32_t read = ReadSome(*FStream, buf + keep, std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - keep));
+    if (read <= 0) break;
+    const int32_t total = keep + read;
+    while (capacity > static_cast<int64_t>(FFrames.size())) {
+      // A short run of foreign bytes between frames is stepped over by looking for the
+      // previous frame's first two header bytes within one frame's length.
+      if (lastHeader != 0 && frameSize >= 0) {
+        for (int32_t i = 0; i <= frameSize && pos + i + 2 <= total; ++i) {
+          if (Word16(buf + pos + i) == lastHeader) {
+            pos += i;
+            offset += i;
+            break;
+          }
+        }
+      }
+      FFrames.push_back(offset);
+      frameSize = pos + 4 <= total ? UMp3::GetMP3FrameSize(buf + pos) : 0;
+      if (frameSize <= 0) {
+        done = true;
+        break;
+      }
+      lastHeader = Word16(buf + pos);
+      pos += frameSize;
+      offset += frameSize;
+      const int32_t rest = total - pos;
+      if (rest < frameSize + 1) {
+        // The next frame is not wholly here: carry what there is of it to the front. A
+        // frame longer than the previous one (variable bit rate) may even end past what
+        // was read: its unread part is stepped over.
+        if (rest > 0) {
+          std::memmove(buf, buf + pos, static_cast<size_t>(rest));
+        } else if (rest < 0) {
+          FStream->Seek(-rest, TSeekOrigin::soCurrent);
+        }
+        keep = std::max(rest, 0);
+        pos = 0;
+        break;
+      }
+    }
+  }
+  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
+}
+
+int32_t TMp3StreamSoundStream::FramesToMilliseconds(int32_t Frames) const {
+  if (FWaveFormat.nSamplesPerSec == 0) return 0;
+  return static_cast<int32_t>(Round(static_cast<double>(FMp3Info.SamplesPerFrame) /
+                                    static_cast<double>(FWaveFormat.nSamplesPerSec) * Frames * 1000));
+}
+
+int32_t TMp3StreamSoundStream::GetLength() { return FramesToMilliseconds(static_cast<int32_t>(FFrames.size())); }
+
+int32_t TMp3StreamSoundStream::GetPosition() { return FPosition; }
+
+void TMp3StreamSoundStream::SetPosition(int32_t Ms) {
+  Ms = std::max(0, Ms);
+  if (FMp3Info.SamplesPerFrame == 0 || FFrames.empty() || !FBuffer) return;
+  int64_t frame = Round(Ms / 1000.0 * FWaveFormat.nSamplesPerSec) / FMp3Info.SamplesPerFrame;
+  frame = std::min<int64_t>(static_cast<int64_t>(FFrames.size()) - 1, frame);
+  FBuffer->Clear();
+  FStream->Seek(FFrames[static_cast<size_t>(frame)], TSeekOrigin::soBeginning);
+  FPosition = FramesToMilliseconds(static_cast<int32_t>(frame));
+}
+
+int32_t TMp3StreamSoundStream::GetWavData(void* Buffer, int32_t Size) {
+  // Without a single frame header there is nothing the decoder could make sense of
+  // (and it would complain about the format on every call).
+  if (Buffer == nullptr || Size < 1 || !FConverter || !FBuffer || FFrames.empty()) return 0;
+  int64_t remaining = (FStart + FLen) - FStream->GetPosition();
+  if (remaining <= 0) return 0;
+  uint8_t block[kDecodeBlock];
+  while (Size > FBuffer->GetSizeToRead()) {
+    if (remaining <= 0) break;
+    const int32_t read = ReadSome(*FStream, block, std::min<int64_t>(remaining, kDecodeBlock));
+    // A source shorter than its declared length ends here.
+    if (read <= 0) break;
+    if (!FConverter->Write(block, read)) break;
+    remaining -= read;
+  }
+  return FBuffer->Read(Buffer, std::min(FBuffer->GetSizeToRead(), Size));
+}
+
+WAVEFORMATEX TMp3StreamSoundStream::GetWaveFormat() { return FWaveFormat; }
+
+// --- TMp3FileSoundStream --------------------------------------------------------------
+
+TMp3FileSoundStream::TMp3FileSoundStream(const std::string& FileName)
+    : FFileStream(std::make_unique<TFileStream>(FileName, fmOpenRead | fmShareDenyWrite)) {
+  FMp3Stream = new TMp3StreamSoundStream(FFileStream.get(), 0, 0);
+}
+
+TMp3FileSoundStream::~TMp3FileSoundStream() {
+  // The decoder reads the file: it goes first.
+  FMp3Stream.Reset();
+  FFileStream.reset();
+}
+
+int32_t TMp3FileSoundStream::GetPosition() { return FMp3Stream->GetPosition(); }
+void TMp3FileSoundStream::SetPosition(int32_t Ms) { FMp3Stream->SetPosition(Ms); }
+int32_t TMp3FileSoundStream::GetLength() { return FMp3Stream->GetLength(); }
+int32_t TMp3FileSoundStream::GetWavData(void* Buffer, int32_t Size) { return FMp3Stream->GetWavData(Buffer, Size); }
+WAVEFORMATEX TMp3FileSoundStream::GetWaveFormat() { return FMp3Stream->GetWaveFormat(); }
 
 // --- TWavPipeSoundStream --------------------------------------------------------------
 

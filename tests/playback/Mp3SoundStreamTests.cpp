@@ -1,0 +1,277 @@
+// The MP3 sound streams over files that the real ffmpeg.exe encoded, checked against
+// ffmpeg's own view of the same files (frame sizes, decoded samples).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "PlaybackTestUtil.h"
+
+using namespace kltest::playback;
+using kl::USoundStreams::TMp3FileSoundStream;
+using kl::USoundStreams::TMp3StreamSoundStream;
+
+namespace {
+
+// Rising tones on both channels: no stretch of them repeats, so decoded output lines up
+// with ffmpeg's decoding at exactly one offset.
+constexpr const char* kChirp =
+    "-f lavfi -i \"aevalsrc=0.4*sin(2*PI*(200+300*t)*t)|0.4*sin(2*PI*(500+120*t)*t):s=44100:d=4\" ";
+
+// Encodes the chirp as 128 kbit/s stereo; Plain leaves out the tag and the info frame.
+std::string EncodeMp3(const kltest::TTempDir& Dir, const std::string& Name, bool Plain) {
+  const std::string path = Dir / Name;
+  const std::string extra = Plain ? "-write_xing 0 -id3v2_version 0 " : "-write_xing 0 ";
+  const auto r = kltest::Ffmpeg(std::string(kChirp) + "-c:a libmp3lame -b:a 128k " + extra + kltest::Quote(path));
+  EXPECT_EQ(0u, r.ExitCode) << r.Err;
+  return path;
+}
+
+// Sizes of the audio frames as ffmpeg's demuxer delivers them.
+std::vector<int64_t> FfmpegFrameSizes(const std::string& Path) {
+  const auto r = kltest::Ffmpeg("-i " + kltest::Quote(Path) + " -c:a copy -f framecrc -");
+  std::vector<int64_t> sizes;
+  std::istringstream in(r.Out);
+  static const std::regex re(R"(^\s*0,\s*-?\d+,\s*-?\d+,\s*\d+,\s*(\d+),)");
+  for (std::string line; std::getline(in, line);) {
+    std::smatch m;
+    if (std::regex_search(line, m, re)) sizes.push_back(std::stoll(m[1].str()));
+  }
+  return sizes;
+}
+
+std::vector<TFrame> FfmpegDecoding(const kltest::TTempDir& Dir, const std::string& Path) {
+  const std::string raw = Dir / "ffmpeg.raw";
+  EXPECT_EQ(0u, kltest::Ffmpeg("-y -i " + kltest::Quote(Path) + " -f s16le -acodec pcm_s16le " + kltest::Quote(raw))
+                    .ExitCode);
+  return Frames(kltest::ReadFileBytes(raw));
+}
+
+std::vector<TFrame> ReadAll(ISoundStream* S, int32_t Chunk = 7777) {
+  std::string got;
+  std::vector<char> buf(static_cast<size_t>(Chunk));
+  // Bounded: a stream that never ends is a fault of its own.
+  for (int i = 0; i < 100000; ++i) {
+    const int32_t n = S->GetWavData(buf.data(), Chunk);
+    if (n <= 0) break;
+    got.append(buf.data(), static_cast<size_t>(n));
+  }
+  return Frames(got);
+}
+
+// The offset at which Ours[From .. From + Count) matches Theirs best (Theirs index minus
+// Ours index), and the largest sample difference there.
+struct TMatch {
+  int64_t Lag = 0;
+  int MaxDiff = 1 << 20;
+};
+
+TMatch Align(const std::vector<TFrame>& Ours, size_t From, size_t Count, const std::vector<TFrame>& Theirs,
+             int64_t MinLag, int64_t MaxLag) {
+  TMatch best;
+  int64_t bestSum = INT64_MAX;
+  if (From + Count > Ours.size()) return best;
+  for (int64_t lag = MinLag; lag <= MaxLag; ++lag) {
+    if (static_cast<int64_t>(From) + lag < 0 || From + lag + Count > Theirs.size()) continue;
+    int64_t sum = 0;
+    int maxDiff = 0;
+    for (size_t i = From; i < From + Count && sum < bestSum; i += 1) {
+      const TFrame& a = Ours[i];
+      const TFrame& b = Theirs[static_cast<size_t>(static_cast<int64_t>(i) + lag)];
+      const int d = std::max(std::abs(a.L - b.L), std::abs(a.R - b.R));
+      sum += d;
+      maxDiff = std::max(maxDiff, d);
+    }
+    if (sum < bestSum) {
+      bestSum = sum;
+      best = {lag, maxDiff};
+    }
+  }
+  return best;
+}
+
+std::vector<int64_t> Offsets(const std::vector<int64_t>& Sizes) {
+  std::vector<int64_t> r;
+  int64_t at = 0;
+  for (int64_t s : Sizes) {
+    r.push_back(at);
+    at += s;
+  }
+  return r;
+}
+
+}  // namespace
+
+TEST(Mp3SoundStream, IndexLengthAndDecodingAgreeWithFfmpeg) {
+  kltest::TTempDir dir;
+  const std::string path = EncodeMp3(dir, "plain.mp3", true);
+  const std::vector<int64_t> expected = Offsets(FfmpegFrameSizes(path));
+  ASSERT_GT(expected.size(), 150u);
+
+  ComPtr<TMp3FileSoundStream> file = new TMp3FileSoundStream(path);
+  TMp3StreamSoundStream* s = file->Mp3Stream();
+  const WAVEFORMATEX f = file->GetWaveFormat();
+  EXPECT_EQ(WAVE_FORMAT_PCM, f.wFormatTag);
+  EXPECT_EQ(2, f.nChannels);
+  EXPECT_EQ(44100u, f.nSamplesPerSec);
+  EXPECT_EQ(16, f.wBitsPerSample);
+  EXPECT_EQ(4, f.nBlockAlign);
+
+  // Every frame but the very last one, which has no byte behind it to show it whole.
+  const auto& frames = s->Frames();
+  ASSERT_EQ(expected.size() - 1, frames.size());
+  for (size_t i = 0; i < frames.size(); ++i) ASSERT_EQ(expected[i], frames[i]) << "frame " << i;
+  EXPECT_EQ(kl::Round(1152.0 / 44100 * static_cast<double>(frames.size()) * 1000), file->GetLength());
+
+  const std::vector<TFrame> ours = ReadAll(file.Get());
+  const std::vector<TFrame> theirs = FfmpegDecoding(dir, path);
+  EXPECT_EQ(0, file->GetPosition());  // reading does not move it
+  // The decoder adds its delay in front; the tail it holds when the source bytes run
+  // out is not delivered.
+  ASSERT_GT(ours.size(), theirs.size() - 12 * 1152);
+  EXPECT_LE(ours.size(), theirs.size() + 1152);
+  const TMatch m = Align(ours, 20000, 20000, theirs, -2400, 0);
+  EXPECT_LE(m.MaxDiff, 4);
+  // Past the delay, the whole delivered run follows ffmpeg's decoding.
+  const TMatch whole = Align(ours, static_cast<size_t>(-m.Lag) + 1152, ours.size() - static_cast<size_t>(-m.Lag) - 1152,
+                             theirs, m.Lag, m.Lag);
+  EXPECT_LE(whole.MaxDiff, 4);
+}
+
+TEST(Mp3SoundStream, SeeksLandOnFrameBoundaries) {
+  kltest::TTempDir dir;
+  const std::string path = EncodeMp3(dir, "plain.mp3", true);
+  const std::vector<TFrame> theirs = FfmpegDecoding(dir, path);
+  kl::TFileStream source(path, kl::fmOpenRead | kl::fmShareDenyWrite);
+  ComPtr<TMp3StreamSoundStream> s = new TMp3StreamSoundStream(&source, 0, 0);
+  const auto& frames = s->Frames();
+  ASSERT_GT(frames.size(), 150u);
+
+  // 1000 ms = 44100 samples = frame 38 (38.28), which starts at 992.65 ms.
+  s->SetPosition(1000);
+  EXPECT_EQ(993, s->GetPosition());
+  EXPECT_EQ(frames[38], source.GetPosition());
+  const std::vector<TFrame> after = ReadAll(s.Get());
+  EXPECT_EQ(993, s->GetPosition());
+  // The decoder is not reset by a seek: after what it still held, the output continues
+  // from frame 38 (the decoder's delay behind it).
+  const TMatch m = Align(after, 4 * 1152, 8192, theirs, 38 * 1152 - 2400, 38 * 1152);
+  EXPECT_LE(m.MaxDiff, 4);
+  EXPECT_GT(m.Lag, 38 * 1152 - 2400);
+
+  s->SetPosition(-20);
+  EXPECT_EQ(0, s->GetPosition());
+  EXPECT_EQ(0, source.GetPosition());
+
+  // Past the end: the last indexed frame.
+  const int32_t last = static_cast<int32_t>(frames.size()) - 1;
+  s->SetPosition(1000000);
+  EXPECT_EQ(s->FramesToMilliseconds(last), s->GetPosition());
+  EXPECT_EQ(frames.back(), source.GetPosition());
+  char buf[4096];
+  for (int i = 0; i < 100 && s->GetWavData(buf, sizeof buf) > 0; ++i) {
+  }
+  EXPECT_EQ(0, s->GetWavData(buf, sizeof buf));
+}
+
+TEST(Mp3SoundStream, SeekTakesTheIndexEntryAsAnAbsoluteOffsetBehindATag) {
+  kltest::TTempDir dir;
+  const std::string path = EncodeMp3(dir, "tagged.mp3", false);
+  kl::TFileStream source(path, kl::fmOpenRead | kl::fmShareDenyWrite);
+  ComPtr<TMp3StreamSoundStream> s = new TMp3StreamSoundStream(&source, 0, 0);
+  const int32_t tag = s->Mp3Info().Offset;
+  ASSERT_GT(tag, 10);
+  EXPECT_EQ(tag, source.GetPosition());  // ready at the first frame
+  ASSERT_GT(s->Frames().size(), 100u);
+  EXPECT_EQ(0, s->Frames()[0]);
+  s->SetPosition(2000);  // frame 76
+  EXPECT_EQ(s->Frames()[76], source.GetPosition());
+}
+
+TEST(Mp3SoundStream, ShortGarbageBetweenFramesIsSteppedOverAndLongGarbageEndsTheIndex) {
+  kltest::TTempDir dir;
+  const std::string plain = kltest::ReadFileBytes(EncodeMp3(dir, "plain.mp3", true));
+  ComPtr<TMp3FileSoundStream> original = new TMp3FileSoundStream(dir / "plain.mp3");
+  const std::vector<int64_t> frames = original->Mp3Stream()->Frames();
+  ASSERT_GT(frames.size(), 100u);
+
+  const size_t cut = static_cast<size_t>(frames[10]);
+  const std::string shortRun(100, '\x55'), longRun(1000, '\x55');
+  kltest::WriteFileBytes(dir / "short.mp3", plain.substr(0, cut) + shortRun + plain.substr(cut));
+  kltest::WriteFileBytes(dir / "long.mp3", plain.substr(0, cut) + longRun + plain.substr(cut));
+
+  ComPtr<TMp3FileSoundStream> s = new TMp3FileSoundStream(dir / "short.mp3");
+  const auto& shifted = s->Mp3Stream()->Frames();
+  ASSERT_EQ(frames.size(), shifted.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    ASSERT_EQ(frames[i] + (i >= 10 ? 100 : 0), shifted[i]) << "frame " << i;
+  }
+  EXPECT_EQ(original->GetLength(), s->GetLength());
+  // The garbage reaches the decoder, which gets over it.
+  EXPECT_GT(ReadAll(s.Get()).size(), static_cast<size_t>(frames.size() - 12) * 1152);
+
+  // A run longer than a frame: the frame is recorded where the garbage starts, which
+  // has no header, and the index ends there.
+  ComPtr<TMp3FileSoundStream> l = new TMp3FileSoundStream(dir / "long.mp3");
+  ASSERT_EQ(11u, l->Mp3Stream()->Frames().size());
+  EXPECT_EQ(frames[10], l->Mp3Stream()->Frames()[10]);
+  EXPECT_EQ(l->Mp3Stream()->FramesToMilliseconds(11), l->GetLength());
+}
+
+TEST(Mp3SoundStream, BadSourcesDeliverLittleOrNothingAndNeverHang) {
+  kltest::TTempDir dir;
+  const std::string plain = kltest::ReadFileBytes(EncodeMp3(dir, "plain.mp3", true));
+
+  // A decoder that cannot open would say so in a message box.
+  int boxes = 0;
+  auto previous = kl::SetMessageBoxFunction([&boxes](HWND, const std::string&, const std::string&, UINT) {
+    ++boxes;
+    return IDOK;
+  });
+  // No file: the file stream's exception.
+  EXPECT_THROW(TMp3FileSoundStream(dir / "missing.mp3"), kl::EFOpenError);
+
+  // Empty: logged, and an object that delivers nothing and ignores seeks.
+  kltest::WriteFileBytes(dir / "empty.mp3", "");
+  ComPtr<TMp3FileSoundStream> empty = new TMp3FileSoundStream(dir / "empty.mp3");
+  EXPECT_NE(std::string::npos, kl::klLog::GetWholeLog().find("TMp3StreamSoundStream.Create: wrong Len"));
+  char buf[4096];
+  empty->SetPosition(500);
+  EXPECT_EQ(0, empty->GetLength());
+  EXPECT_EQ(0, empty->GetPosition());
+  EXPECT_EQ(0, empty->GetWavData(buf, sizeof buf));
+
+  // Cut in the middle of a frame, cut inside the first header, damaged throughout, not
+  // MP3 at all, and a declared length far beyond the data.
+  std::string damaged = plain;
+  srand(7);
+  for (size_t i = 2000; i < damaged.size(); i += 997) damaged[i] = static_cast<char>(rand());
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"cut.mp3", plain.substr(0, plain.size() / 2 + 200)},
+      {"header.mp3", plain.substr(0, 3)},
+      {"damaged.mp3", damaged},
+      {"text.mp3", std::string(50000, 'x')},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    kltest::WriteFileBytes(dir / c.first, c.second);
+    ComPtr<TMp3FileSoundStream> s = new TMp3FileSoundStream(dir / c.first);
+    const size_t delivered = ReadAll(s.Get(), 17640).size();
+    EXPECT_LE(delivered, static_cast<size_t>(s->Mp3Stream()->Frames().size() + 4) * 1152);
+    s->SetPosition(1000000);
+    ReadAll(s.Get());
+    EXPECT_EQ(0, s->GetWavData(buf, sizeof buf));
+  }
+  ComPtr<TMp3FileSoundStream> cut = new TMp3FileSoundStream(dir / "cut.mp3");
+  EXPECT_GT(cut->GetLength(), 1800);
+
+  kl::TFileStream source(dir / "plain.mp3", kl::fmOpenRead | kl::fmShareDenyWrite);
+  ComPtr<TMp3StreamSoundStream> longer = new TMp3StreamSoundStream(&source, 0, int64_t{1} << 40);
+  EXPECT_GT(longer->Frames().size(), 150u);
+  EXPECT_GT(ReadAll(longer.Get()).size(), longer->Frames().size() * 1152 - 2400);
+  kl::SetMessageBoxFunction(previous);
+  EXPECT_EQ(0, boxes);
+}
