@@ -31,7 +31,7 @@ constexpr int BLOCK_BYTES = BYTES_PER_SECOND / 10;
 constexpr int FILE_SECONDS = 24;  // a little more than the CPU interval, so it never runs dry
 constexpr double CPU_SECONDS = 20;
 constexpr int REPEATS = 5;
-constexpr int16_t LOUD = 12000;    // a square wave that is never 0...
+constexpr int16_t LOUD = 12000;      // a square wave that is never 0...
 constexpr int16_t THRESHOLD = 4000;  // ...and nothing quieter counts as it
 
 // The whole file is the marker: a 441 Hz square wave, so the first frame played is loud.
@@ -131,7 +131,8 @@ class TPlayerRun {
 class TLibraryRun : public TPlayerRun {
  public:
   explicit TLibraryRun(const std::string& Path) {
-    FPlayer.SetSource(kl::ComPtr<kl::klMediaPlayer::ISoundStream>(new kl::USoundStreams::TWavFileSoundStream(Path)).Get());
+    const kl::ComPtr<kl::klMediaPlayer::ISoundStream> source = new kl::USoundStreams::TWavFileSoundStream(Path);
+    FPlayer.SetSource(source.Get());
   }
   ~TLibraryRun() override { FPlayer.Close(); }
   bool Ready() override { return FPlayer.GetMode() == kl::klMediaPlayer::pmStopped; }
@@ -212,7 +213,7 @@ using TFactory = std::function<std::unique_ptr<TPlayerRun>()>;
 // The wall clock of the recording's arrival is used, not the frame's offset in it: the
 // server inserts a new stream's first frames right after the last bytes it delivered to
 // the recorder (it rewinds what it had rendered ahead), so the offset always reads "at
-// once". The arrival time includes the recorder's fragment (~20 ms), the same for both.
+// once". The arrival time includes the recorder's own delivery, the same for both.
 struct TDelay {
   double Recorded = -1;
   double Moved = -1;
@@ -309,9 +310,8 @@ int Run(const std::string& Path) {
   std::printf("%-34s %10.1f %10.1f           s (device position)\n", "audio played in the CPU run", libCpu.Played,
               ownCpu.Played);
   const bool recorded = !capture.Available() || (Median(libRec) >= 0 && Median(ownRec) >= 0);
-  return recorded && Median(libMove) >= 0 && Median(ownMove) >= 0 && libCpu.PerMinute >= 0 && ownCpu.PerMinute >= 0
-             ? 0
-             : 1;
+  const bool measured = Median(libMove) >= 0 && Median(ownMove) >= 0 && libCpu.PerMinute >= 0 && ownCpu.PerMinute >= 0;
+  return recorded && measured ? 0 : 1;
 }
 
 }  // namespace
