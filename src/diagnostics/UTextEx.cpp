@@ -225,6 +225,34 @@ bool ParseFloat(const std::string& S, char Separator, double& Value) {
   return true;
 }
 
+// Finds a pattern in a text, through lower-cased copies of both when case is ignored;
+// the positions are those of the original text either way, as the replacing code
+// copies from it.
+class TPatternFinder {
+ public:
+  TPatternFinder(const std::string& S, const std::string& Pattern, TReplaceFlags Flags) {
+    if ((Flags & IgnoreCase) != 0) {
+      FLowS = S;
+      LowerInPlace(FLowS);
+      FLowPattern = Pattern;
+      LowerInPlace(FLowPattern);
+      FWhere = &FLowS;
+      FWhat = &FLowPattern;
+    } else {
+      FWhere = &S;
+      FWhat = &Pattern;
+    }
+  }
+  TPatternFinder(const TPatternFinder&) = delete;
+  TPatternFinder& operator=(const TPatternFinder&) = delete;
+  size_t Find(size_t From) const { return FWhere->find(*FWhat, From); }
+
+ private:
+  std::string FLowS, FLowPattern;
+  const std::string* FWhere;
+  const std::string* FWhat;
+};
+
 std::string ReplaceAllExact(const std::string& S, const std::string& Old, const std::string& New) {
   return StringReplaceEx(S, Old, New, ReplaceAll);
 }
@@ -249,33 +277,24 @@ std::string StringReplaceEx(const std::string& S, const std::string& OldPattern,
                             TReplaceFlags Flags, const TStringReplaceExEvent& OnReplace) {
   if (S.empty() || OldPattern.empty() || OldPattern == NewPattern) return S;
   const bool all = (Flags & ReplaceAll) != 0;
-  // Matching happens on lower-cased copies; the text is always copied from S.
-  std::string lowS, lowOld;
-  const std::string* where = &S;
-  const std::string* what = &OldPattern;
-  if ((Flags & IgnoreCase) != 0) {
-    lowS = AnsiLowerCase(S);
-    lowOld = AnsiLowerCase(OldPattern);
-    where = &lowS;
-    what = &lowOld;
-  }
+  const TPatternFinder finder(S, OldPattern, Flags);
   const size_t oldLen = OldPattern.size();
   const size_t newLen = NewPattern.size();
 
   if (oldLen == newLen) {
     std::string result = S;
-    size_t p = where->find(*what);
+    size_t p = finder.Find(0);
     while (p != npos) {
       std::memcpy(result.data() + p, NewPattern.data(), newLen);
       if (OnReplace) OnReplace(OldPattern, NewPattern, ToPos(p));
       if (!all) break;
-      p = where->find(*what, p + oldLen);
+      p = finder.Find(p + oldLen);
     }
     return result;
   }
 
   size_t count = 0;
-  for (size_t p = where->find(*what); p != npos; p = where->find(*what, p + oldLen)) {
+  for (size_t p = finder.Find(0); p != npos; p = finder.Find(p + oldLen)) {
     ++count;
     if (!all) break;
   }
@@ -284,7 +303,7 @@ std::string StringReplaceEx(const std::string& S, const std::string& OldPattern,
   result.resize(S.size() - count * oldLen + count * newLen);
   char* out = result.data();
   size_t from = 0;
-  size_t p = where->find(*what);
+  size_t p = finder.Find(0);
   for (size_t k = 0; k < count; ++k) {
     std::memcpy(out, S.data() + from, p - from);
     out += p - from;
@@ -292,7 +311,7 @@ std::string StringReplaceEx(const std::string& S, const std::string& OldPattern,
     out += newLen;
     if (OnReplace) OnReplace(OldPattern, NewPattern, ToPos(p));
     from = p + oldLen;
-    if (k + 1 < count) p = where->find(*what, from);
+    if (k + 1 < count) p = finder.Find(from);
   }
   std::memcpy(out, S.data() + from, S.size() - from);
   return result;
@@ -302,20 +321,12 @@ std::string StringReplaceEx2(const std::string& S, const std::string& OldPattern
                              TReplaceFlags Flags, const TStringReplaceExSubstitute& OnSubstitute) {
   if (S.empty() || OldPattern.empty() || OldPattern == NewPattern) return S;
   const bool all = (Flags & ReplaceAll) != 0;
-  std::string lowS, lowOld;
-  const std::string* where = &S;
-  const std::string* what = &OldPattern;
-  if ((Flags & IgnoreCase) != 0) {
-    lowS = AnsiLowerCase(S);
-    lowOld = AnsiLowerCase(OldPattern);
-    where = &lowS;
-    what = &lowOld;
-  }
+  const TPatternFinder finder(S, OldPattern, Flags);
   // The callback may change each replacement's length, so the result grows as it goes.
   std::string result;
   result.reserve(S.size());
   size_t from = 0;
-  for (size_t p = where->find(*what); p != npos; p = where->find(*what, from)) {
+  for (size_t p = finder.Find(0); p != npos; p = finder.Find(from)) {
     result.append(S, from, p - from);
     std::string repl = NewPattern;
     if (OnSubstitute) OnSubstitute(OldPattern, repl, ToPos(p));

@@ -10,14 +10,12 @@ using namespace kltest::conv;
 using kl::ComPtr;
 using kltest::TTempDir;
 
-TEST(WaveFormats, PcmAndMp3Records) {
+TEST(WaveFormats, RecordsAndMatches) {
   WAVEFORMATEX* f = nullptr;
   CreatePcmWaveFormat(44100, 2, 16, f);
   ASSERT_NE(f, nullptr);
-  EXPECT_EQ(f->wFormatTag, 1);
-  EXPECT_EQ(f->nBlockAlign, 4);
-  EXPECT_EQ(f->nAvgBytesPerSec, 176400u);
-  EXPECT_EQ(f->cbSize, 0);
+  EXPECT_EQ(std::vector<int>({f->wFormatTag, f->nBlockAlign, static_cast<int>(f->nAvgBytesPerSec), f->cbSize}),
+            std::vector<int>({1, 4, 176400, 0}));
   EXPECT_EQ(GetWaveFormatSize(f), 18u);
   std::free(f);
   EXPECT_EQ(GetWaveFormatSize(nullptr), 0u);
@@ -26,17 +24,11 @@ TEST(WaveFormats, PcmAndMp3Records) {
   CreateMp3WaveFormat(44100, 2, 128, f);
   ASSERT_NE(f, nullptr);
   const auto* m = reinterpret_cast<const MPEGLAYER3WAVEFORMAT*>(f);
-  EXPECT_EQ(f->wFormatTag, 85);
-  EXPECT_EQ(f->nAvgBytesPerSec, 16000u);
-  EXPECT_EQ(f->nBlockAlign, 1);
-  EXPECT_EQ(f->wBitsPerSample, 0);
-  EXPECT_EQ(f->cbSize, 12);
+  EXPECT_EQ(std::vector<int>({f->wFormatTag, static_cast<int>(f->nAvgBytesPerSec), f->nBlockAlign,
+                              f->wBitsPerSample, f->cbSize, m->wID, static_cast<int>(m->fdwFlags), m->nBlockSize,
+                              m->nFramesPerBlock, m->nCodecDelay}),
+            std::vector<int>({85, 16000, 1, 0, 12, 1, 0, 418, 1, 1393}));
   EXPECT_EQ(GetWaveFormatSize(f), 30u);
-  EXPECT_EQ(m->wID, 1);
-  EXPECT_EQ(m->fdwFlags, 0u);
-  EXPECT_EQ(m->nBlockSize, 418);
-  EXPECT_EQ(m->nFramesPerBlock, 1);
-  EXPECT_EQ(m->nCodecDelay, 1393);
   // The same in bit/s; and a rate of 0 must not divide by zero.
   InitMp3WaveFormat(22050, 1, 64000, f);
   EXPECT_EQ(m->nBlockSize, 144 * 64000 / 22050 + 1);
@@ -44,55 +36,41 @@ TEST(WaveFormats, PcmAndMp3Records) {
   std::free(f);
   InitMp3WaveFormat(44100, 2, 128, nullptr);
 
-  EXPECT_EQ(GetPreferedSamplePerSec(128), 44100);
-  EXPECT_EQ(GetPreferedSamplePerSec(32), 8000);
-  EXPECT_EQ(GetPreferedSamplePerSec(64), 22050);
-  EXPECT_EQ(GetPreferedSamplePerSec(32001), 22050);
-  EXPECT_EQ(GetPreferedSamplePerSec(320000), 44100);
-
+  for (const auto& [kbits, rate] : std::vector<std::pair<int, int>>{
+           {128, 44100}, {32, 8000}, {64, 22050}, {32001, 22050}, {320000, 44100}}) {
+    EXPECT_EQ(GetPreferedSamplePerSec(kbits), rate) << kbits;
+  }
   EXPECT_TRUE(IsFloatFormat(W(Float32(44100, 2))));
   EXPECT_FALSE(IsFloatFormat(W(Pcm(44100, 2, 32))));
   EXPECT_FALSE(IsFloatFormat(nullptr));
-
   EXPECT_EQ(AcmErrorText(0), "");
   EXPECT_EQ(AcmErrorText(512), "The requested operation cannot be performed");
   EXPECT_EQ(AcmErrorText(11), "At least one parameter is invalid");
   EXPECT_EQ(AcmErrorText(514), "The stream header specified in pash is currently not prepared");
   EXPECT_EQ(AcmErrorText(999), "Unknown error");
-}
 
-TEST(WaveFormats, FindMatchFormat) {
-  auto f = Pcm(44100, 3);
-  ASSERT_TRUE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(f.data())));
-  EXPECT_EQ(W(f)->nChannels, 2);
-  // 44100 x 3 x 2 bytes lies nearest to 24-bit stereo at 44100 Hz.
-  EXPECT_EQ(W(f)->nAvgBytesPerSec, 264600u);
-  EXPECT_EQ(W(f)->nSamplesPerSec, 44100u);
-
-  auto g = Pcm(22050, 1);
-  ASSERT_TRUE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(g.data())));
-  EXPECT_EQ(W(g)->nAvgBytesPerSec, 44100u);
-  EXPECT_EQ(W(g)->nSamplesPerSec, 22050u);
-
-  // An odd rate moves to an offered one.
-  auto h = Pcm(44000, 2);
-  ASSERT_TRUE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(h.data())));
-  EXPECT_EQ(W(h)->nAvgBytesPerSec, 176400u);
-  EXPECT_EQ(W(h)->nSamplesPerSec, 44100u);
-
+  // The nearest format the codecs offer: 44100 x 3 x 2 bytes lies nearest to 24-bit
+  // stereo; an odd rate moves to an offered one.
+  struct TCase {
+    std::vector<uint8_t> Format;
+    uint32_t Avg, Rate;
+  };
+  for (auto& c : std::vector<TCase>{{Pcm(44100, 3), 264600, 44100}, {Pcm(22050, 1), 44100, 22050},
+                                    {Pcm(44000, 2), 176400, 44100}}) {
+    ASSERT_TRUE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(c.Format.data()))) << c.Avg;
+    EXPECT_LE(W(c.Format)->nChannels, 2);
+    EXPECT_EQ(W(c.Format)->nAvgBytesPerSec, c.Avg);
+    EXPECT_EQ(W(c.Format)->nSamplesPerSec, c.Rate);
+  }
   // Nothing offers MP3 formats here.
-  auto m = Mp3(44100, 2, 128);
-  EXPECT_FALSE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(m.data())));
+  auto mp3 = Mp3(44100, 2, 128);
+  EXPECT_FALSE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(mp3.data())));
   EXPECT_FALSE(FindMatchFormat(nullptr));
 }
 
 TEST(AcmConverter, ShortWriteWaitsForFinishWhichFinishesTheSinkFirst) {
-  ComPtr<TAcmConverter> a;
-  a = new TAcmConverter();
   auto sink = MakeSink();
-  a->SetInFormat(W(Pcm(22050, 1)));
-  a->SetOutFormat(W(Pcm(44100, 2)));
-  a->SetOutStream(sink.Get());
+  auto a = MakeConverter<TAcmConverter>(Pcm(22050, 1), Pcm(44100, 2), sink.Get());
   const auto tone = kltest::tempo::Tone16(1000, 22050, 1000, 1);
   ASSERT_TRUE(a->Write(tone.data(), 2000));
   EXPECT_TRUE(a->IsOpen());
@@ -116,22 +94,11 @@ TEST(AcmConverter, ShortWriteWaitsForFinishWhichFinishesTheSinkFirst) {
 }
 
 TEST(AcmConverter, PcmMono22050ToStereo44100KeepsLengthAndTone) {
-  ComPtr<TAudioConverter> c;
-  c = new TAudioConverter();
   auto sink = MakeSink();
-  c->SetInFormat(W(Pcm(22050, 1)));
-  c->SetOutFormat(W(Pcm(44100, 2)));
-  c->SetOutStream(sink.Get());
+  auto c = MakeConverter(Pcm(22050, 1), Pcm(44100, 2), sink.Get());
   const int frames = 22050 * 3 + 777;
   const auto tone = kltest::tempo::Tone16(1000, 22050, frames, 1);
-  // Uneven pieces, as a reader would deliver them.
-  size_t at = 0, piece = 1000;
-  while (at < tone.size()) {
-    const size_t n = std::min(piece, tone.size() - at);
-    ASSERT_TRUE(c->Write(tone.data() + at, static_cast<int32_t>(n * 2)));
-    at += n;
-    piece = piece * 7 % 5003 + 1;
-  }
+  ASSERT_TRUE(WriteInPieces(c.Get(), std::string(reinterpret_cast<const char*>(tone.data()), tone.size() * 2), 2002));
   ASSERT_EQ(c->GetSubConverterCount(), 1);
   ASSERT_TRUE(c->Finish());
   const auto out = AsSamples16(sink->Bytes);
@@ -156,15 +123,10 @@ TEST(AcmConverter, Mp3DecodesLikeFfmpeg) {
   ASSERT_EQ(info.Offset, 0);
   ASSERT_EQ(info.Channels, 2);
 
-  ComPtr<TAudioConverter> c;
-  c = new TAudioConverter();
   auto sink = MakeSink();
-  c->SetInFormat(W(Mp3(info.SampleRate, static_cast<uint16_t>(info.Channels), info.BitRate)));
-  c->SetOutFormat(W(Pcm(info.SampleRate, 2)));
-  c->SetOutStream(sink.Get());
-  for (size_t at = 0; at < mp3.size(); at += 3000) {
-    ASSERT_TRUE(c->Write(mp3.data() + at, static_cast<int32_t>(std::min<size_t>(3000, mp3.size() - at))));
-  }
+  auto c = MakeConverter(Mp3(info.SampleRate, static_cast<uint16_t>(info.Channels), info.BitRate),
+                         Pcm(info.SampleRate, 2), sink.Get());
+  ASSERT_TRUE(WriteInPieces(c.Get(), mp3, 3000));
   ASSERT_EQ(c->GetSubConverterCount(), 1);
   ASSERT_TRUE(c->Finish());
 
@@ -205,15 +167,9 @@ TEST(AcmConverter, Mp3ToOtherRateAndChannelsTakesTwoStages) {
   TTempDir dir;
   const std::string mp3 = MakeMp3Frames(dir, "two.mp3", 44100, 3, 128);
   ASSERT_FALSE(mp3.empty());
-  ComPtr<TAudioConverter> c;
-  c = new TAudioConverter();
   auto sink = MakeSink();
-  c->SetInFormat(W(Mp3(44100, 2, 128)));
-  c->SetOutFormat(W(Pcm(22050, 1)));
-  c->SetOutStream(sink.Get());
-  for (size_t at = 0; at < mp3.size(); at += 5000) {
-    ASSERT_TRUE(c->Write(mp3.data() + at, static_cast<int32_t>(std::min<size_t>(5000, mp3.size() - at))));
-  }
+  auto c = MakeConverter(Mp3(44100, 2, 128), Pcm(22050, 1), sink.Get());
+  ASSERT_TRUE(WriteInPieces(c.Get(), mp3, 5000));
   ASSERT_EQ(c->GetSubConverterCount(), 2);
   ASSERT_TRUE(c->Finish());
   const auto out = AsSamples16(sink->Bytes);
@@ -230,12 +186,8 @@ TEST(AcmConverter, Mp3ToOtherRateAndChannelsTakesTwoStages) {
 
 TEST(AcmConverter, Mp3StageCannotResampleItself) {
   TBoxRecorder boxes;
-  ComPtr<TAcmConverter> a;
-  a = new TAcmConverter();
   auto sink = MakeSink();
-  a->SetInFormat(W(Mp3(44100, 2, 128)));
-  a->SetOutFormat(W(Pcm(22050, 1)));
-  a->SetOutStream(sink.Get());
+  auto a = MakeConverter<TAcmConverter>(Mp3(44100, 2, 128), Pcm(22050, 1), sink.Get());
   char data[1000] = {};
   EXPECT_FALSE(a->Write(data, sizeof data));
   EXPECT_EQ(a->LastError(), "acmStreamOpen ERROR: The requested operation cannot be performed");
@@ -247,12 +199,8 @@ TEST(AcmConverter, Mp3StageCannotResampleItself) {
 
 TEST(AcmConverter, EncodingToMp3FailsCleanly) {
   TBoxRecorder boxes;
-  ComPtr<TAudioConverter> c;
-  c = new TAudioConverter();
   auto sink = MakeSink();
-  c->SetInFormat(W(Pcm(44100, 2)));
-  c->SetOutFormat(W(Mp3(44100, 2, 128)));
-  c->SetOutStream(sink.Get());
+  auto c = MakeConverter(Pcm(44100, 2), Mp3(44100, 2, 128), sink.Get());
   const auto tone = kltest::tempo::Tone16(440, 44100, 44100, 2);
   // Less than a tenth of a second stays in the first stage.
   EXPECT_TRUE(c->Write(tone.data(), 1000));
@@ -276,8 +224,7 @@ TEST(AcmConverter, EncodingToMp3FailsCleanly) {
 TEST(AcmConverter, BadInputAndAbsurdFormats) {
   TBoxRecorder boxes;
   {
-    ComPtr<TAcmConverter> a;
-    a = new TAcmConverter();
+    ComPtr<TAcmConverter> a(new TAcmConverter());
     char b[8] = {};
     EXPECT_FALSE(a->Write(b, 8));
     EXPECT_EQ(a->LastError(), "TAcmConverter.Write: Format is not set");
@@ -289,11 +236,7 @@ TEST(AcmConverter, BadInputAndAbsurdFormats) {
   }
   {
     // Two compressed formats cannot be joined by one stream.
-    ComPtr<TAcmConverter> a;
-    a = new TAcmConverter();
-    const auto mp3 = Mp3(44100, 2, 128);
-    a->SetInFormat(W(mp3));
-    a->SetOutFormat(W(mp3));
+    auto a = MakeConverter<TAcmConverter>(Mp3(44100, 2, 128), Mp3(44100, 2, 128), nullptr);
     char b[500] = {};
     EXPECT_FALSE(a->Write(b, sizeof b));
   }
@@ -308,12 +251,8 @@ TEST(AcmConverter, BadInputAndAbsurdFormats) {
   const auto tone = kltest::tempo::Tone16(440, 44100, 44100, 2);
   for (size_t i = 0; i < absurd.size(); ++i) {
     for (int asInput = 0; asInput < 2; ++asInput) {
-      ComPtr<TAudioConverter> c;
-      c = new TAudioConverter();
       auto sink = MakeSink();
-      c->SetInFormat(asInput ? W(absurd[i]) : W(Pcm(44100, 2)));
-      c->SetOutFormat(asInput ? W(Pcm(44100, 2)) : W(absurd[i]));
-      c->SetOutStream(sink.Get());
+      auto c = MakeConverter(asInput ? absurd[i] : Pcm(44100, 2), asInput ? Pcm(44100, 2) : absurd[i], sink.Get());
       bool ok = true;
       for (int k = 0; k < 3; ++k) ok = c->Write(tone.data(), static_cast<int32_t>(tone.size() * 2)) && ok;
       c->Finish();

@@ -22,6 +22,24 @@ std::string Bytes16(const std::vector<int16_t>& V) {
   return std::string(reinterpret_cast<const char*>(V.data()), V.size() * 2);
 }
 
+// A WAV file as the writers make it: RIFF size, an 18-byte "fmt " chunk, then the data.
+void ExpectWavLayout(const std::string& File, const std::string& Data) {
+  ASSERT_GE(File.size(), 46u);
+  EXPECT_EQ(File.substr(0, 4), "RIFF");
+  EXPECT_EQ(U32(File, 4), File.size() - 8);
+  EXPECT_EQ(File.substr(8, 8), "WAVEfmt ");
+  EXPECT_EQ(U32(File, 16), 18u);
+  EXPECT_EQ(File.substr(38, 4), "data");
+  EXPECT_EQ(U32(File, 42), Data.size());
+  EXPECT_EQ(File.substr(46), Data);
+}
+
+// ffmpeg.exe reads the file and reports all of Expected.
+void ExpectProbe(const std::string& File, std::initializer_list<const char*> Expected) {
+  const std::string probe = FfmpegProbe(File);
+  for (const char* e : Expected) EXPECT_NE(probe.find(e), std::string::npos) << e << "\n" << probe;
+}
+
 }  // namespace
 
 TEST(AudioFile, CreateByExtension) {
@@ -47,9 +65,7 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   ASSERT_TRUE(w->SetFormat(W(Pcm(44100, 2))));
   const auto tone = kltest::tempo::Tone16(440, 44100, 44100 * 2, 2);
   const std::string data = Bytes16(tone);
-  for (size_t at = 0; at < data.size(); at += 10000) {
-    ASSERT_TRUE(w->Write(data.data() + at, static_cast<int32_t>(std::min<size_t>(10000, data.size() - at))));
-  }
+  ASSERT_TRUE(WriteInPieces(w.Get(), data, 10000));
   EXPECT_TRUE(w->Write(data.data(), 0));
   EXPECT_FALSE(w->Write(nullptr, 10));
   EXPECT_FALSE(w->Write(data.data(), -1));
@@ -57,27 +73,14 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   ASSERT_TRUE(w->Finish());
   EXPECT_TRUE(w->GetFinished());
 
-  const std::string file = kltest::ReadFileBytes(name);
-  ASSERT_GE(file.size(), 46u);
-  EXPECT_EQ(file.substr(0, 4), "RIFF");
-  EXPECT_EQ(U32(file, 4), file.size() - 8);
-  EXPECT_EQ(file.substr(8, 8), "WAVEfmt ");
-  EXPECT_EQ(U32(file, 16), 18u);
-  EXPECT_EQ(file.substr(38, 4), "data");
-  EXPECT_EQ(U32(file, 42), data.size());
-  EXPECT_EQ(file.substr(46), data);
-
-  const std::string probe = FfmpegProbe(name);
-  EXPECT_NE(probe.find("pcm_s16le"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("44100 Hz, stereo"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("Duration: 00:00:02.00"), std::string::npos) << probe;
+  ExpectWavLayout(kltest::ReadFileBytes(name), data);
+  ExpectProbe(name, {"pcm_s16le", "44100 Hz, stereo", "Duration: 00:00:02.00"});
 }
 
 TEST(AudioFile, WavFmtChunkIsAlways18Bytes) {
   TTempDir dir;
   const std::string name = dir / "extra.wav";
-  ComPtr<TWavAudioFile> w;
-  w = new TWavAudioFile();
+  ComPtr<TWavAudioFile> w(new TWavAudioFile());
   w->SetFileName(name);
   auto fmt = Pcm(22050, 1);
   reinterpret_cast<WAVEFORMATEX*>(fmt.data())->cbSize = 2;
@@ -89,14 +92,9 @@ TEST(AudioFile, WavFmtChunkIsAlways18Bytes) {
   ASSERT_TRUE(w->Write(data.data(), static_cast<int32_t>(data.size())));
   ASSERT_TRUE(w->Finish());
   const std::string file = kltest::ReadFileBytes(name);
-  ASSERT_GE(file.size(), 46u);
-  EXPECT_EQ(U32(file, 16), 18u);
+  ExpectWavLayout(file, data);
   EXPECT_EQ(file.substr(20, 16), std::string(reinterpret_cast<const char*>(fmt.data()), 16));
-  EXPECT_EQ(file.substr(38, 4), "data");
-  EXPECT_EQ(U32(file, 42), 4410u);
-  const std::string probe = FfmpegProbe(name);
-  EXPECT_NE(probe.find("22050 Hz, mono"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("Duration: 00:00:00.10"), std::string::npos) << probe;
+  ExpectProbe(name, {"22050 Hz, mono", "Duration: 00:00:00.10"});
 }
 
 TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
@@ -111,8 +109,7 @@ TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
     EXPECT_FALSE(kl::FileExists(dir / n)) << n;
   }
   // Without a format a WAV writer cannot start a file.
-  ComPtr<TWavAudioFile> w;
-  w = new TWavAudioFile();
+  ComPtr<TWavAudioFile> w(new TWavAudioFile());
   w->SetFileName(dir / "noformat.wav");
   EXPECT_FALSE(w->Write("abcd", 4));
   EXPECT_TRUE(w->Finish());
@@ -133,17 +130,13 @@ TEST(AudioFile, WriteAfterFinishStartsTheFileAgain) {
   ASSERT_TRUE(w->Finish());
   ASSERT_TRUE(w->Write("2222", 4));
   ASSERT_TRUE(w->Finish());
-  std::string file = kltest::ReadFileBytes(dir / "again.wav");
-  EXPECT_EQ(file.substr(46), "2222");
-  EXPECT_EQ(U32(file, 4), file.size() - 8);
+  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), "2222");
 
   // A new name ends the file in progress first.
   ASSERT_TRUE(w->Write("3333", 4));
   w->SetFileName(dir / "next.wav");
   EXPECT_TRUE(w->GetFinished());
-  file = kltest::ReadFileBytes(dir / "again.wav");
-  EXPECT_EQ(file.substr(46), "3333");
-  EXPECT_EQ(U32(file, 42), 4u);
+  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), "3333");
 }
 
 TEST(AudioFile, Mp3WriterStoresFramesFfmpegReads) {
@@ -153,15 +146,10 @@ TEST(AudioFile, Mp3WriterStoresFramesFfmpegReads) {
   const std::string name = dir / "copy.mp3";
   kltest::WriteFileBytes(name, std::string(100000, 'x'));  // replaced, not appended to
   auto w = CreateAudioFile(name);
-  for (size_t at = 0; at < frames.size(); at += 4177) {
-    ASSERT_TRUE(w->Write(frames.data() + at, static_cast<int32_t>(std::min<size_t>(4177, frames.size() - at))));
-  }
+  ASSERT_TRUE(WriteInPieces(w.Get(), frames, 4177));
   ASSERT_TRUE(w->Finish());
   EXPECT_EQ(kltest::ReadFileBytes(name), frames);
-  const std::string probe = FfmpegProbe(name);
-  EXPECT_NE(probe.find("Audio: mp3"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("44100 Hz, stereo"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("time=00:00:02.0"), std::string::npos) << probe;
+  ExpectProbe(name, {"Audio: mp3", "44100 Hz, stereo", "time=00:00:02.0"});
 }
 
 TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
@@ -183,14 +171,9 @@ TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
     done = true;
   });
   // The pipe's name has no extension: the writer is picked by hand.
-  ComPtr<TMp3AudioFile> m;
-  m = new TMp3AudioFile();
+  ComPtr<TMp3AudioFile> m(new TMp3AudioFile());
   m->SetFileName(pipeName);
-  bool ok = true;
-  for (size_t at = 0; at < frames.size(); at += 3000) {
-    ok = m->Write(frames.data() + at, static_cast<int32_t>(std::min<size_t>(3000, frames.size() - at))) && ok;
-  }
-  EXPECT_TRUE(ok);
+  EXPECT_TRUE(WriteInPieces(m.Get(), frames, 3000));
   EXPECT_TRUE(m->Finish());
   for (int i = 0; i < 1000 && !done; ++i) Sleep(10);
   if (!done) {
@@ -208,22 +191,14 @@ TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
 TEST(AudioFile, ChainIntoWavWriter) {
   TTempDir dir;
   const std::string name = dir / "float.wav";
-  ComPtr<TAudioConverter> c;
-  c = new TAudioConverter();
   auto w = CreateAudioFile(name);
-  const auto out = Pcm(48000, 2);
-  w->SetFormat(W(out));
-  c->SetInFormat(W(Float32(48000, 2)));
-  c->SetOutFormat(W(out));
-  c->SetOutStream(w.Get());
+  w->SetFormat(W(Pcm(48000, 2)));
+  auto c = MakeConverter(Float32(48000, 2), Pcm(48000, 2), w.Get());
   const auto tone = kltest::tempo::ToneFloat(1000, 48000, 48000, 2);
   ASSERT_TRUE(c->Write(tone.data(), static_cast<int32_t>(tone.size() * 4)));
   ASSERT_TRUE(c->Finish());
   EXPECT_TRUE(w->GetFinished());
-  const std::string probe = FfmpegProbe(name);
-  EXPECT_NE(probe.find("pcm_s16le"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("48000 Hz, stereo"), std::string::npos) << probe;
-  EXPECT_NE(probe.find("Duration: 00:00:01.00"), std::string::npos) << probe;
+  ExpectProbe(name, {"pcm_s16le", "48000 Hz, stereo", "Duration: 00:00:01.00"});
   const auto pcm = AsSamples16(kltest::ReadFileBytes(name).substr(46));
   ASSERT_EQ(pcm.size(), tone.size());
   for (size_t i = 0; i < pcm.size(); i += 97) EXPECT_EQ(pcm[i], kl::Round(tone[i] * 32767.0)) << i;

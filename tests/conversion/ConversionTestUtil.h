@@ -46,11 +46,7 @@ class TMemorySink : public kl::TInterfacedObject<IWritable> {
   bool FailWrites = false;
 };
 
-inline kl::ComPtr<TMemorySink> MakeSink() {
-  kl::ComPtr<TMemorySink> s;
-  s = new TMemorySink();
-  return s;
-}
+inline kl::ComPtr<TMemorySink> MakeSink() { return kl::ComPtr<TMemorySink>(new TMemorySink()); }
 
 // Replaces the message-box function for the life of the object.
 class TBoxRecorder {
@@ -98,6 +94,26 @@ inline std::vector<uint8_t> Mp3(uint32_t Rate, uint16_t Channels, int32_t BitRat
 }
 
 inline const WAVEFORMATEX* W(const std::vector<uint8_t>& B) { return reinterpret_cast<const WAVEFORMATEX*>(B.data()); }
+
+// A converter (of class T) from In to Out that writes into Sink.
+template <class T = TAudioConverter>
+kl::ComPtr<T> MakeConverter(const std::vector<uint8_t>& In, const std::vector<uint8_t>& Out, IWritable* Sink) {
+  kl::ComPtr<T> c(new T());
+  c->SetInFormat(W(In));
+  c->SetOutFormat(W(Out));
+  c->SetOutStream(Sink);
+  return c;
+}
+
+// Writes Data in pieces of at most Piece bytes, as a reader would deliver it; true when
+// every write succeeded.
+inline bool WriteInPieces(IWritable* Target, const std::string& Data, size_t Piece) {
+  bool ok = true;
+  for (size_t at = 0; at < Data.size(); at += Piece) {
+    ok = Target->Write(Data.data() + at, static_cast<int32_t>(std::min(Piece, Data.size() - at))) && ok;
+  }
+  return ok;
+}
 
 inline std::vector<int16_t> AsSamples16(const std::string& S) {
   std::vector<int16_t> v(S.size() / 2);

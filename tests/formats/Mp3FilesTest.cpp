@@ -50,12 +50,7 @@ class Mp3Files : public ::testing::Test {
   // A read outside a guarded buffer ends the run at once, named, rather than hanging.
   mp3test::TFaultReporter FFaults;
 };
-using Units = ::testing::Types<mp3test::TMp3Unit, mp3test::TklMp3Unit>;
-struct UnitNames {
-  template <class T>
-  static std::string GetName(int) { return T::Name; }
-};
-TYPED_TEST_SUITE(Mp3Files, Units, UnitNames);
+TYPED_TEST_SUITE(Mp3Files, mp3test::Units, mp3test::UnitNames);
 
 TYPED_TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
   for (const auto& name : SampleNames()) {
@@ -215,16 +210,11 @@ TEST(Mp3FileInfo, FromRealFiles) {
     kl::UMp3::TMP3WAVEFORMAT f;
     std::memset(&f, 0xAB, sizeof f);
     ASSERT_TRUE(kl::UMp3::GetMp3FileInfo(s.Path, f));
-    EXPECT_EQ(f.wfx.wFormatTag, 85);
-    EXPECT_EQ(f.wfx.nChannels, 1);
-    EXPECT_EQ(f.wfx.nSamplesPerSec, static_cast<DWORD>(s.Rate));
-    EXPECT_EQ(f.wfx.nBlockAlign, 1);
-    EXPECT_EQ(f.wfx.wBitsPerSample, 0);
-    EXPECT_EQ(f.wfx.cbSize, 12);
-    EXPECT_EQ(f.wID, 1);
-    EXPECT_EQ(f.fdwFlags, 2u);
-    EXPECT_EQ(f.nFramesPerBlock, 1);
-    EXPECT_EQ(f.nCodecDelay, 1393);
+    const WAVEFORMATEX& w = f.wfx;
+    EXPECT_EQ(std::vector<int>({w.wFormatTag, w.nChannels, static_cast<int>(w.nSamplesPerSec), w.nBlockAlign,
+                                w.wBitsPerSample, w.cbSize, f.wID, static_cast<int>(f.fdwFlags), f.nFramesPerBlock,
+                                f.nCodecDelay}),
+              std::vector<int>({85, 1, s.Rate, 1, 0, 12, 1, 2, 1, 1393}));
     // Bit rate and block size of the first frame (the Xing frame of a VBR file).
     kl::UMp3::TMP3Info info;
     ASSERT_TRUE(kl::UMp3::GetMP3Info(s.Bytes.data(), static_cast<int32_t>(s.Bytes.size()), info));

@@ -38,26 +38,6 @@ const char* kSource =
     "-f lavfi -i \"aevalsrc=0.5*sin(2*PI*440*t)*lt(mod(t\\,1)\\,0.5)+0.3*random(0)*gte(mod(t\\,1)\\,0.5)"
     ":s=44100:d=3\"";
 
-// Wine starts its desktop process (explorer.exe /desktop) the first time any process
-// needs a window, and hands it that process's standard error. If the first one is an
-// ffmpeg.exe started with redirected output, the desktop keeps the write end of our
-// pipe for good and reading ffmpeg's output never ends. So the desktop is started here
-// first, from this process, with standard error pointing to NUL for the moment.
-void EnsureDesktop() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    const HANDLE nul = CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                                   nullptr);
-    const HANDLE saved = GetStdHandle(STD_ERROR_HANDLE);
-    if (nul != INVALID_HANDLE_VALUE) SetStdHandle(STD_ERROR_HANDLE, nul);
-    GetDesktopWindow();
-    if (nul != INVALID_HANDLE_VALUE) {
-      SetStdHandle(STD_ERROR_HANDLE, saved);
-      CloseHandle(nul);
-    }
-  });
-}
-
 }  // namespace
 
 const std::string& WorkDir() {
@@ -85,7 +65,6 @@ uint32_t Adler32(const void* Data, size_t Size) {
 }
 
 std::vector<TPacket> FfmpegPackets(const std::string& Path, std::string* Log) {
-  EnsureDesktop();
   const auto r = kltest::Ffmpeg("-i " + kltest::Quote(Path) + " -c:a copy -f framecrc -");
   if (Log != nullptr) *Log = r.Err;
   std::vector<TPacket> packets;
@@ -113,7 +92,6 @@ const TSample& Sample(const std::string& Name) {
   }
   if (recipe == nullptr) throw std::runtime_error("no such sample: " + Name);
 
-  EnsureDesktop();
   auto s = std::make_unique<TSample>();
   s->Name = Name;
   s->Path = WorkDir() + Name + ".mp3";

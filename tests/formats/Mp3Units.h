@@ -4,55 +4,45 @@
 #include "formats/UMp3.h"
 #include "formats/UklMP3.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <string>
 
 namespace mp3test {
 
+// The functions both units share, forwarded to namespace NS.
+#define KL_MP3_UNIT_FORWARDS(NS)                                                                                    \
+  using TInfo = NS::TMP3Info;                                                                                       \
+  static bool Info(const void* D, int32_t N, TInfo& I) { return NS::GetMP3Info(D, N, I); }                          \
+  static bool Info(kl::TStream* S, TInfo& I) { return NS::GetMP3Info(S, I); }                                       \
+  static int32_t FrameSize(const TInfo& I, bool P) { return NS::GetMP3FrameSize(I, P); }                            \
+  static int32_t FrameSize(const void* H) { return NS::GetMP3FrameSize(H); }                                        \
+  static int32_t FrameDataSize(const TInfo& I, bool P) { return NS::GetMP3FrameDataSize(I, P); }                    \
+  static int32_t Frames(const void* D, int32_t N, int32_t C, int32_t M, void*& F) {                                 \
+    return NS::GetMP3Frames(D, N, C, M, F);                                                                         \
+  }                                                                                                                 \
+  static int32_t Frames(kl::TStream* S, int32_t C, int32_t M, void*& F) { return NS::GetMP3Frames(S, C, M, F); }    \
+  static int32_t Count(const void* H, int32_t N, bool Fast) { return NS::GetMP3FrameCount(H, N, Fast); }            \
+  static int32_t Count(kl::TStream* S, int32_t N, bool Fast) { return NS::GetMP3FrameCount(S, N, Fast); }           \
+  static bool Copy(kl::TStream* S, kl::TStream* D, int32_t Start, int32_t C) { return NS::CopyMP3Frames(S, D, Start, C); }
 
 struct TMp3Unit {
   static constexpr const char* Name = "UMp3";
   // UMp3 searches the first 4096 bytes from the very start; UklMP3 skips the declared tag.
   static constexpr bool SkipsTagBySize = false;
-  using TInfo = kl::UMp3::TMP3Info;
-  static bool Info(const void* D, int32_t N, TInfo& I) { return kl::UMp3::GetMP3Info(D, N, I); }
-  static bool Info(kl::TStream* S, TInfo& I) { return kl::UMp3::GetMP3Info(S, I); }
-  static int32_t FrameSize(const TInfo& I, bool P) { return kl::UMp3::GetMP3FrameSize(I, P); }
-  static int32_t FrameSize(const void* H) { return kl::UMp3::GetMP3FrameSize(H); }
-  static int32_t FrameDataSize(const TInfo& I, bool P) { return kl::UMp3::GetMP3FrameDataSize(I, P); }
-  static int32_t Frames(const void* D, int32_t N, int32_t C, int32_t M, void*& F) {
-    return kl::UMp3::GetMP3Frames(D, N, C, M, F);
-  }
-  static int32_t Frames(kl::TStream* S, int32_t C, int32_t M, void*& F) { return kl::UMp3::GetMP3Frames(S, C, M, F); }
-  static int32_t Count(const void* H, int32_t N, bool Fast) { return kl::UMp3::GetMP3FrameCount(H, N, Fast); }
-  static int32_t Count(kl::TStream* S, int32_t N, bool Fast) { return kl::UMp3::GetMP3FrameCount(S, N, Fast); }
-  static bool Copy(kl::TStream* S, kl::TStream* D, int32_t Start, int32_t C) {
-    return kl::UMp3::CopyMP3Frames(S, D, Start, C);
-  }
+  KL_MP3_UNIT_FORWARDS(kl::UMp3)
   static int32_t Channels(const TInfo& I) { return I.Channels; }
 };
 
 struct TklMp3Unit {
   static constexpr const char* Name = "UklMP3";
   static constexpr bool SkipsTagBySize = true;
-  using TInfo = kl::UklMP3::TMP3Info;
-  static bool Info(const void* D, int32_t N, TInfo& I) { return kl::UklMP3::GetMP3Info(D, N, I); }
-  static bool Info(kl::TStream* S, TInfo& I) { return kl::UklMP3::GetMP3Info(S, I); }
-  static int32_t FrameSize(const TInfo& I, bool P) { return kl::UklMP3::GetMP3FrameSize(I, P); }
-  static int32_t FrameSize(const void* H) { return kl::UklMP3::GetMP3FrameSize(H); }
-  static int32_t FrameDataSize(const TInfo& I, bool P) { return kl::UklMP3::GetMP3FrameDataSize(I, P); }
-  static int32_t Frames(const void* D, int32_t N, int32_t C, int32_t M, void*& F) {
-    return kl::UklMP3::GetMP3Frames(D, N, C, M, F);
-  }
-  static int32_t Frames(kl::TStream* S, int32_t C, int32_t M, void*& F) {
-    return kl::UklMP3::GetMP3Frames(S, C, M, F);
-  }
-  static int32_t Count(const void* H, int32_t N, bool Fast) { return kl::UklMP3::GetMP3FrameCount(H, N, Fast); }
-  static int32_t Count(kl::TStream* S, int32_t N, bool Fast) { return kl::UklMP3::GetMP3FrameCount(S, N, Fast); }
-  static bool Copy(kl::TStream* S, kl::TStream* D, int32_t Start, int32_t C) {
-    return kl::UklMP3::CopyMP3Frames(S, D, Start, C);
-  }
+  KL_MP3_UNIT_FORWARDS(kl::UklMP3)
   static int32_t Channels(const TInfo& I) { return I.Stereo ? 2 : 1; }
 };
+
+#undef KL_MP3_UNIT_FORWARDS
 
 // Frees a block handed out through Frames.
 struct TFramesBlock {
@@ -61,6 +51,13 @@ struct TFramesBlock {
   TFramesBlock(const TFramesBlock&) = delete;
   TFramesBlock& operator=(const TFramesBlock&) = delete;
   ~TFramesBlock() { std::free(P); }
+};
+
+// Both units, named in the test names.
+using Units = ::testing::Types<TMp3Unit, TklMp3Unit>;
+struct UnitNames {
+  template <class T>
+  static std::string GetName(int) { return T::Name; }
 };
 
 }  // namespace mp3test

@@ -17,7 +17,8 @@ namespace {
 
 const char* const DEBUG_WAV = "c:\\debug.wav";
 
-void SetRate(TTempCorrector& C, uint32_t Rate, uint16_t Channels = 1) {
+// Gives the corrector its format, as the player copies it in, then the tempo.
+void Prepare(TTempCorrector& C, uint32_t Rate, float Tempo, uint16_t Channels = 1) {
   WAVEFORMATEX f{};
   f.wFormatTag = WAVE_FORMAT_PCM;
   f.nChannels = Channels;
@@ -26,6 +27,7 @@ void SetRate(TTempCorrector& C, uint32_t Rate, uint16_t Channels = 1) {
   f.nBlockAlign = static_cast<WORD>(2 * Channels);
   f.nAvgBytesPerSec = Rate * f.nBlockAlign;
   C.SetFormat(&f);
+  C.Init(Tempo);
 }
 
 int32_t Correct(TTempCorrector& C, std::vector<int16_t>& V) {
@@ -53,8 +55,7 @@ std::vector<int16_t> DebugFileValues(WAVEFORMATEX* Format = nullptr) {
 
 TEST(TempCorrector, TempoTwoHalvesTwoBlocksAndCutsAtTheFirstOfEqualSplices) {
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(2.0f);
+  Prepare(c, 44100, 2.0f);
   // A ramp differs by the same amount across every candidate cut: the most negative
   // offset (-Span = -220) wins, so each block keeps Half - 220 = 882 head values and
   // 2205 - 882 = 1323 tail values.
@@ -74,8 +75,7 @@ TEST(TempCorrector, TempoTwoHalvesTwoBlocksAndCutsAtTheFirstOfEqualSplices) {
 
 TEST(TempCorrector, SpliceGoesWhereBothSidesAreClosest) {
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(2.0f);
+  Prepare(c, 44100, 2.0f);
   // Keep 2205: Half 1102, Rest 1103, Span 220. The left side of the cut reads
   // value[1102 + d], the right side value[3307 + d].
   std::vector<int16_t> v(4410, 0);
@@ -93,8 +93,7 @@ TEST(TempCorrector, SpliceGoesWhereBothSidesAreClosest) {
 
   // Without the closest pair the earlier of the two equal ones is taken.
   TTempCorrector c2;
-  SetRate(c2, 44100);
-  c2.Init(2.0f);
+  Prepare(c2, 44100, 2.0f);
   auto w = in;
   w[3307 + 60] = 20000;
   EXPECT_EQ(Correct(c2, w), 4410);
@@ -104,8 +103,7 @@ TEST(TempCorrector, SpliceGoesWhereBothSidesAreClosest) {
 
 TEST(TempCorrector, TempoOneAndAHalfKeepsTwoThirdsWithRunningTotals) {
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(1.5f);
+  Prepare(c, 44100, 1.5f);
   auto v = Ramp(4410);
   EXPECT_EQ(Correct(c, v), 2940 * 2);
   auto w = Ramp(4410, 5000);
@@ -116,8 +114,7 @@ TEST(TempCorrector, TempoOneAndAHalfKeepsTwoThirdsWithRunningTotals) {
   // At 22050 Hz a block of 2205 values should keep 1102.5: the halves go to the even
   // neighbour and the running totals make up the difference in the next block.
   TTempCorrector h;
-  SetRate(h, 22050);
-  h.Init(2.0f);
+  Prepare(h, 22050, 2.0f);
   const int32_t expected[] = {2204, 2206, 2204, 2206};
   for (int32_t e : expected) {
     auto b = Ramp(2205);
@@ -143,15 +140,13 @@ TEST(TempCorrector, OutOfRangeTemposAndBadArgumentsLeaveDataAlone) {
   // Tempo 1 (the start), 0.5, 6, and -1 on a fresh corrector (still 1).
   for (float tempo : {1.0f, 0.5f, 6.0f, -1.0f, 0.0f}) {
     TTempCorrector c;
-    SetRate(c, 44100);
-    c.Init(tempo);
+    Prepare(c, 44100, tempo);
     auto v = in;
     EXPECT_EQ(c.Correct(v.data(), 17640), 17640) << tempo;
     EXPECT_EQ(v, in) << tempo;
   }
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(5.0f);  // the top of the range still works
+  Prepare(c, 44100, 5.0f);  // the top of the range still works
   auto v = in;
   EXPECT_EQ(c.Correct(v.data(), 17640), 2 * 2 * 882);
   EXPECT_EQ(c.Correct(nullptr, 17640), 17640);
@@ -168,8 +163,7 @@ TEST(TempCorrector, OutOfRangeTemposAndBadArgumentsLeaveDataAlone) {
 
 TEST(TempCorrector, PartialBlocksAreDropped) {
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(2.0f);
+  Prepare(c, 44100, 2.0f);
   auto v = Ramp(4409);
   EXPECT_EQ(c.Correct(v.data(), 4409 * 2), 0);
   EXPECT_EQ(c.GetInCount(), 0);
@@ -179,8 +173,7 @@ TEST(TempCorrector, PartialBlocksAreDropped) {
 
 TEST(TempCorrector, ToneKeepsItsFrequencyAtTempoTwo) {
   TTempCorrector c;
-  SetRate(c, 44100);
-  c.Init(2.0f);
+  Prepare(c, 44100, 2.0f);
   std::vector<int16_t> all;
   const auto tone = Tone16(440, 44100, 88200, 1);
   // As the player hands it over: a tenth of a second at a time.
@@ -199,8 +192,7 @@ TEST(TempCorrector, DebugFileHoldsEverythingProducedAsMono44100) {
   std::vector<int16_t> produced;
   {
     TTempCorrector c;
-    SetRate(c, 22050, 2);  // the debug file ignores the real format
-    c.Init(2.0f);
+    Prepare(c, 22050, 2.0f, 2);  // the debug file ignores the real format
     auto a = Ramp(4410, -3000);
     Correct(c, a);
     auto shortOne = Ramp(100);
@@ -226,10 +218,8 @@ TEST(TempCorrector, DebugFileHoldsEverythingProducedAsMono44100) {
   // Two correctors at once share one file name; both keep working.
   {
     TTempCorrector first, second;
-    SetRate(first, 44100);
-    SetRate(second, 44100);
-    first.Init(2.0f);
-    second.Init(2.0f);
+    Prepare(first, 44100, 2.0f);
+    Prepare(second, 44100, 2.0f);
     auto a = Ramp(4410), b = Ramp(4410);
     EXPECT_EQ(Correct(first, a), 4410);
     EXPECT_EQ(Correct(second, b), 4410);
