@@ -1,8 +1,8 @@
-// klPlay: plays a WAV file on the wave-out device with TklMediaPlayer, the way to hear
+// klPlay: plays a WAV or MP3 file on the wave-out device with TklMediaPlayer, the way to hear
 // the library. Shows "position / length  mode" while playing; ends at the end of the
 // file or on any key.
 //
-//   klPlay [--speed S] [--volume V] [--start MS] file.wav
+//   klPlay [--speed S] [--volume V] [--start MS] file.wav|file.mp3
 #include <conio.h>
 #include <windows.h>
 
@@ -66,8 +66,18 @@ bool KeyPressed() {
          avail > 0;
 }
 
+// WAV files by their RIFF header; anything else is taken for MP3.
+bool IsRiff(const std::string& FileName) {
+  char head[4] = {};
+  FILE* f = std::fopen(FileName.c_str(), "rb");
+  if (f == nullptr) return true;  // the WAV reader reports the missing file
+  const size_t n = std::fread(head, 1, sizeof head, f);
+  std::fclose(f);
+  return n == 4 && std::memcmp(head, "RIFF", 4) == 0;
+}
+
 int Usage() {
-  std::fprintf(stderr, "usage: klPlay [--speed S] [--volume V] [--start MS] file.wav\n");
+  std::fprintf(stderr, "usage: klPlay [--speed S] [--volume V] [--start MS] file.wav|file.mp3\n");
   return 2;
 }
 
@@ -97,8 +107,14 @@ int main(int argc, char** argv) {
 
   ComPtr<ISoundStream> source;
   try {
-    ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(file);
-    source = new TEndingSource(wav.Get());
+    ComPtr<ISoundStream> inner;
+    if (IsRiff(file)) {
+      inner = new kl::USoundStreams::TWavFileSoundStream(file);
+    } else {
+      inner = new kl::USoundStreams::TMp3FileSoundStream(file);
+      if (inner->GetLength() == 0) throw kl::EAbort("");
+    }
+    source = new TEndingSource(inner.Get());
   } catch (const std::exception&) {
     std::fprintf(stderr, "klPlay: cannot open %s (the library's log says why)\n", file.c_str());
     return 1;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Plays a WAV file through Wine with klPlay: tools/klplay.sh [--speed S] [--volume V] [--start MS] file.wav
+# Plays a WAV or MP3 file through Wine with klPlay: tools/klplay.sh [--speed S] [--volume V] [--start MS] file
 # Uses $KL_BUILD (default: build/ of this checkout); build first with scripts/test.sh.
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
