@@ -15,35 +15,10 @@
 #include "Components.h"
 
 using kl::ComPtr;
-using kl::klMediaPlayer::IFinishable;
 using kl::klMediaPlayer::ISoundStream;
 using kl::klMediaPlayer::TklMediaPlayer;
 
 namespace {
-
-// Tells the player when the file has no more data, so that it reaches pmFinished:
-// file streams alone do not say so.
-class TEndingSource : public kl::TInterfacedObject<ISoundStream, IFinishable> {
- public:
-  explicit TEndingSource(ISoundStream* Inner) : FInner(Inner) {}
-  int32_t STDMETHODCALLTYPE GetPosition() override { return FInner->GetPosition(); }
-  void STDMETHODCALLTYPE SetPosition(int32_t Ms) override {
-    FEnded = false;
-    FInner->SetPosition(Ms);
-  }
-  int32_t STDMETHODCALLTYPE GetLength() override { return FInner->GetLength(); }
-  int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override {
-    const int32_t n = FInner->GetWavData(Buffer, Size);
-    if (n <= 0 && Size > 0) FEnded = true;
-    return n;
-  }
-  WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override { return FInner->GetWaveFormat(); }
-  bool STDMETHODCALLTYPE GetFinished() override { return FEnded; }
-
- private:
-  ComPtr<ISoundStream> FInner;
-  std::atomic<bool> FEnded{false};
-};
 
 std::string Clock(int32_t Ms) {
   if (Ms < 0) Ms = 0;
@@ -114,7 +89,7 @@ int main(int argc, char** argv) {
       inner = new kl::USoundStreams::TMp3FileSoundStream(file);
       if (inner->GetLength() == 0) throw kl::EAbort("");
     }
-    source = new TEndingSource(inner.Get());
+    source = new kl::USoundStreams::TFinishingSoundStream(inner.Get());
   } catch (const std::exception&) {
     std::fprintf(stderr, "klPlay: cannot open %s (the library's log says why)\n", file.c_str());
     return 1;

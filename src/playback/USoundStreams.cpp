@@ -281,6 +281,19 @@ int32_t TMp3FileSoundStream::GetLength() { return FMp3Stream->GetLength(); }
 int32_t TMp3FileSoundStream::GetWavData(void* Buffer, int32_t Size) { return FMp3Stream->GetWavData(Buffer, Size); }
 WAVEFORMATEX TMp3FileSoundStream::GetWaveFormat() { return FMp3Stream->GetWaveFormat(); }
 
+// --- TFinishingSoundStream -----------------------------------------------------------
+
+void TFinishingSoundStream::SetPosition(int32_t Ms) {
+  FEnded = false;
+  FInner->SetPosition(Ms);
+}
+
+int32_t TFinishingSoundStream::GetWavData(void* Buffer, int32_t Size) {
+  const int32_t n = FInner->GetWavData(Buffer, Size);
+  if (n <= 0 && Buffer != nullptr && Size > 0) FEnded = true;
+  return n;
+}
+
 // --- TWavPipeSoundStream --------------------------------------------------------------
 
 TWavPipeSoundStream::TWavPipeSoundStream(const WAVEFORMATEX& Format, UPipe::INamedPipe2* Pipe)

@@ -136,6 +136,26 @@ class TMp3FileSoundStream : public TInterfacedObject<ISoundStream> {
   ComPtr<TMp3StreamSoundStream> FMp3Stream;
 };
 
+// Passes another stream on and says it is finished once a read of it gave nothing, so
+// that a player reaches its end with a file stream (which alone never says so). A seek
+// clears the flag.
+class TFinishingSoundStream : public TInterfacedObject<ISoundStream, IFinishable> {
+ public:
+  explicit TFinishingSoundStream(ISoundStream* Inner) : FInner(Inner) {}
+
+  int32_t STDMETHODCALLTYPE GetPosition() override { return FInner->GetPosition(); }
+  void STDMETHODCALLTYPE SetPosition(int32_t Ms) override;
+  int32_t STDMETHODCALLTYPE GetLength() override { return FInner->GetLength(); }
+  int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override;
+  WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override { return FInner->GetWaveFormat(); }
+  bool STDMETHODCALLTYPE GetFinished() override { return FEnded.load(); }
+
+ private:
+  ComPtr<ISoundStream> FInner;
+  // Set on the player's buffer thread, read on its window thread.
+  std::atomic<bool> FEnded{false};
+};
+
 // Raw PCM arriving through a named pipe, as a decoder in a child process writes it. Not
 // seekable and of unknown length; it ends when the writer closes its end of the pipe.
 class TWavPipeSoundStream : public TInterfacedObject<IFinishable, ISoundStream> {

@@ -70,19 +70,11 @@ TEST(MediaPlayer, PlaysEveryFrameOfTheFileInOrderAndFinishesOnce) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 3 / 2);  // 1.5 s: 15 blocks
   TklMediaPlayer p;
-  std::mutex lock;
-  std::string sent;
-  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
-    std::lock_guard<std::mutex> guard(lock);
-    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
-  });
+  TSentRecorder recorder(p);
   const TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 6000);
   EXPECT_EQ(pmFinished, r.Mode);
   EXPECT_EQ(1, r.Finishes);
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
-  }
+  EXPECT_TRUE(recorder.Bytes() == Bytes(frames)) << recorder.Bytes().size() << " bytes sent";
   const TPlayed played = Analyse(r.Captured, frames);
   EXPECT_EQ(0, played.Foreign);
   EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, 0, frames.size(), RATE));
@@ -111,7 +103,7 @@ TEST(MediaPlayer, PlaysAnMp3WhoseDataStopsMidBlockToTheEnd) {
 
   TklMediaPlayer p;
   ComPtr<ISoundStream> mp3 = new kl::USoundStreams::TMp3FileSoundStream(path);
-  const TRun r = PlayToEnd(p, ComPtr<ISoundStream>(new TFinishingSource(mp3.Get())).Get(), 8000);
+  const TRun r = PlayToEnd(p, ComPtr<ISoundStream>(new kl::USoundStreams::TFinishingSoundStream(mp3.Get())).Get(), 8000);
   EXPECT_EQ(pmFinished, r.Mode);
   EXPECT_EQ(1, r.Finishes);
   const TPlayed played = Analyse(r.Captured, expected);
@@ -172,12 +164,7 @@ TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 2);
   TklMediaPlayer p;
-  std::mutex lock;
-  std::string sent;
-  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
-    std::lock_guard<std::mutex> guard(lock);
-    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
-  });
+  TSentRecorder recorder(p);
   p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
   const int64_t mark = kltest::TCapture::Mark();
   ASSERT_TRUE(p.Play());
@@ -192,11 +179,8 @@ TEST(MediaPlayer, PauseAndResumeLoseAndRepeatNothing) {
   EXPECT_TRUE(p.Play());
   EXPECT_EQ(pmPlaying, p.GetMode());
   EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 5000));
-  {
-    // What the player handed to the device: the file, once, in order.
-    std::lock_guard<std::mutex> guard(lock);
-    EXPECT_TRUE(sent == Bytes(frames)) << sent.size() << " bytes sent";
-  }
+  // What the player handed to the device: the file, once, in order.
+  EXPECT_TRUE(recorder.Bytes() == Bytes(frames)) << recorder.Bytes().size() << " bytes sent";
   const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), frames);
   // The server may smear a few frames where it stopped and restarted the stream; what
   // the player handed over is checked exactly above.
@@ -211,12 +195,7 @@ TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
   kltest::TTempDir dir;
   const auto frames = Pattern(RATE * 3);
   TklMediaPlayer p;
-  std::mutex lock;
-  std::string sent;
-  p.SetOnSendingWavBlock([&](void* Buffer, int32_t Size) {
-    std::lock_guard<std::mutex> guard(lock);
-    sent.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
-  });
+  TSentRecorder recorder(p);
   p.SetSource(WavSource(WriteWav(dir, "a.wav", frames), true).Get());
   const int64_t mark = kltest::TCapture::Mark();
   ASSERT_TRUE(p.Play());
@@ -238,7 +217,7 @@ TEST(MediaPlayer, SetPositionWhilePlayingResumesFromTheNewPlace) {
   EXPECT_EQ("", InOrder(played, jump, played.Segments.size() - 1, 2 * RATE, frames.size(), RATE));
   {
     // The device got a whole-block prefix of the file, then the file from 2000 ms on.
-    std::lock_guard<std::mutex> guard(lock);
+    const std::string sent = recorder.Bytes();
     const std::string all = Bytes(frames), tail = all.substr(2 * RATE * 4);
     ASSERT_GE(sent.size(), tail.size());
     const size_t head = sent.size() - tail.size();

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -149,34 +150,10 @@ inline std::string InOrder(const TPlayed& P, size_t First, size_t Last, int64_t 
   return "";
 }
 
-// Hands on a file stream and says "finished" once it has no more data, so that the
-// player can reach pmFinished.
-class TFinishingSource : public kl::TInterfacedObject<ISoundStream, IFinishable> {
- public:
-  explicit TFinishingSource(ISoundStream* Inner) : FInner(Inner) {}
-  int32_t STDMETHODCALLTYPE GetPosition() override { return FInner->GetPosition(); }
-  void STDMETHODCALLTYPE SetPosition(int32_t Ms) override {
-    FEnded = false;
-    FInner->SetPosition(Ms);
-  }
-  int32_t STDMETHODCALLTYPE GetLength() override { return FInner->GetLength(); }
-  int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override {
-    const int32_t n = FInner->GetWavData(Buffer, Size);
-    if (n <= 0 && Size > 0) FEnded = true;
-    return n;
-  }
-  WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override { return FInner->GetWaveFormat(); }
-  bool STDMETHODCALLTYPE GetFinished() override { return FEnded; }
-
- private:
-  ComPtr<ISoundStream> FInner;
-  std::atomic<bool> FEnded{false};
-};
-
 inline ComPtr<ISoundStream> WavSource(const std::string& Path, bool Finishing) {
   ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(Path);
   if (!Finishing) return wav;
-  return ComPtr<ISoundStream>(new TFinishingSource(wav.Get()));
+  return ComPtr<ISoundStream>(new kl::USoundStreams::TFinishingSoundStream(wav.Get()));
 }
 
 // How fast the wave-out device runs against the wall clock here (1.0 = real time),
@@ -226,6 +203,25 @@ inline double DeviceRate() {
   CloseHandle(ev);
   return rate;
 }
+
+// Collects what a player hands to the device (its OnSendingWavBlock event).
+class TSentRecorder {
+ public:
+  explicit TSentRecorder(kl::klMediaPlayer::TklMediaPlayer& Player) {
+    Player.SetOnSendingWavBlock([this](void* Buffer, int32_t Size) {
+      std::lock_guard<std::mutex> guard(FLock);
+      FBytes.append(static_cast<const char*>(Buffer), static_cast<size_t>(Size));
+    });
+  }
+  std::string Bytes() {
+    std::lock_guard<std::mutex> guard(FLock);
+    return FBytes;
+  }
+
+ private:
+  std::mutex FLock;
+  std::string FBytes;
+};
 
 // Waits until Done() or TimeoutMs passes; true when Done.
 template <class F>
