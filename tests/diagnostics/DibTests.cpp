@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <numeric>
+#include <tuple>
 
 #include "diagnostics/UDib.h"
 #include "rtl/SysUtils.h"
@@ -38,13 +39,7 @@ struct TBitmap {
   std::vector<uint32_t> Read() const {
     GdiFlush();
     std::vector<uint32_t> px(static_cast<size_t>(W * H));
-    BITMAPINFO bi{};
-    bi.bmiHeader.biSize = sizeof(BITMAPINFOHEADER);
-    bi.bmiHeader.biWidth = W;
-    bi.bmiHeader.biHeight = -H;
-    bi.bmiHeader.biPlanes = 1;
-    bi.bmiHeader.biBitCount = 32;
-    bi.bmiHeader.biCompression = BI_RGB;
+    BITMAPINFO bi{{static_cast<DWORD>(sizeof(BITMAPINFOHEADER)), W, -H, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
     HDC dc = GetDC(nullptr);
     const int rows = GetDIBits(dc, Handle, 0, static_cast<UINT>(H), px.data(), &bi, DIB_RGB_COLORS);
     ReleaseDC(nullptr, dc);
@@ -99,9 +94,9 @@ void FillSource(TBitmap& S) {
 TEST(DibSection, CreatesOnlyValidSections) {
   void* const sentinel = reinterpret_cast<void*>(0x1234);
   void* bits = sentinel;
-  EXPECT_EQ(CreateDIBSectionEx(0, 10, 32, bits), nullptr);
-  EXPECT_EQ(CreateDIBSectionEx(-3, 10, 24, bits), nullptr);
-  EXPECT_EQ(CreateDIBSectionEx(10, 10, 16, bits), nullptr);
+  for (const auto& [w, h, bpp] : {std::tuple{0, 10, 32}, {-3, 10, 24}, {10, 10, 16}}) {
+    EXPECT_EQ(CreateDIBSectionEx(w, h, bpp, bits), nullptr) << w << "x" << h << "x" << bpp;
+  }
   EXPECT_EQ(CreateDIBSectionEx(10, 10, std::vector<uint32_t>(), bits), nullptr);
   EXPECT_EQ(bits, sentinel);
 
@@ -110,10 +105,9 @@ TEST(DibSection, CreatesOnlyValidSections) {
   EXPECT_NE(bits, sentinel);
   DIBSECTION ds{};
   ASSERT_EQ(GetObject(b, sizeof ds, &ds), static_cast<int>(sizeof ds));
-  EXPECT_EQ(ds.dsBm.bmWidth, 3);
-  EXPECT_EQ(ds.dsBm.bmHeight, 2);
-  EXPECT_EQ(ds.dsBm.bmBitsPixel, 24);
-  EXPECT_EQ(ds.dsBmih.biHeight, 2);  // bottom-up
+  // Width, height, bits, and a positive height in the header: bottom-up.
+  EXPECT_EQ(std::make_tuple(ds.dsBm.bmWidth, ds.dsBm.bmHeight, ds.dsBm.bmBitsPixel, ds.dsBmih.biHeight),
+            std::make_tuple(3, 2, 24, 2));
   EXPECT_EQ(ds.dsBm.bmBits, bits);
   DeleteObject(b);
 
@@ -210,9 +204,7 @@ TEST(DibCopyBits, ClipsAndZeroFills) {
   std::iota(src.begin(), src.end(), 0x1000u);
   // Block pixels that land inside the destination take the source's pixel, or zero
   // where the block lies outside the source; the rest of the destination stays.
-  struct {
-    int32_t SrcX, SrcY, W, H, DstX, DstY;
-  } cases[] = {
+  struct { int32_t SrcX, SrcY, W, H, DstX, DstY; } cases[] = {
       {-5, -5, 8, 8, 1, 1},                  // the block's first five columns and rows are zero
       {5, 3, 6, 6, -2, 7},                   // over the destination's edges, the source's right and bottom
       {0, 0, 4, 4, 10, 0},                   // entirely outside the destination

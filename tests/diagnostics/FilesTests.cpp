@@ -82,25 +82,22 @@ bool StopAfterTwo(const std::string&, intptr_t& Data) {
   return true;
 }
 
-bool Resolve(const std::string& Link, std::string& Target, std::string& Args, std::string& Description) {
+// "target|arguments|description" of a shortcut as the shell reads it, "" if it cannot.
+std::string Resolve(const std::string& Link) {
   ComPtr<IShellLinkA> link;
-  if (FAILED(CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkA,
-                              reinterpret_cast<void**>(link.GetAddressOf())))) {
-    return false;
-  }
   ComPtr<IPersistFile> file;
-  if (FAILED(link.As(&file))) return false;
-  std::wstring w(Link.begin(), Link.end());
-  if (FAILED(file->Load(w.c_str(), STGM_READ))) return false;
-  char buf[MAX_PATH * 2] = {};
+  const std::wstring w(Link.begin(), Link.end());
+  char path[MAX_PATH * 2] = {}, args[MAX_PATH] = {}, desc[MAX_PATH] = {};
   WIN32_FIND_DATAA fd{};
-  if (FAILED(link->GetPath(buf, sizeof buf, &fd, 0))) return false;
-  Target = buf;
-  link->GetArguments(buf, sizeof buf);
-  Args = buf;
-  link->GetDescription(buf, sizeof buf);
-  Description = buf;
-  return true;
+  if (FAILED(CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkA,
+                              reinterpret_cast<void**>(link.GetAddressOf()))) ||
+      FAILED(link.As(&file)) || FAILED(file->Load(w.c_str(), STGM_READ)) ||
+      FAILED(link->GetPath(path, sizeof path, &fd, 0))) {
+    return "";
+  }
+  link->GetArguments(args, sizeof args);
+  link->GetDescription(desc, sizeof desc);
+  return std::string(path) + "|" + args + "|" + desc;
 }
 
 }  // namespace
@@ -293,13 +290,9 @@ TEST(FilesShell, ShortcutResolvesToItsTarget) {
   ASSERT_TRUE(CreateLink(target, dir / "link.lnk", "-a -b", "my link"));
   ASSERT_TRUE(FileExists(dir / "link.lnk"));
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  std::string got, args, desc;
-  const bool resolved = Resolve(dir / "link.lnk", got, args, desc);
+  const std::string resolved = Resolve(dir / "link.lnk");
   CoUninitialize();
-  ASSERT_TRUE(resolved);
-  EXPECT_EQ(Lower(got), Lower(target));
-  EXPECT_EQ(args, "-a -b");
-  EXPECT_EQ(desc, "my link");
+  EXPECT_EQ(Lower(resolved), Lower(target) + "|-a -b|my link");
   EXPECT_FALSE(CreateLink(target, dir / "no\\such\\dir\\link.lnk", "", ""));
 }
 

@@ -54,26 +54,18 @@ struct TSeparatorGuard {
 
 TEST(TextReplace, NotifiesEachReplacementAndHonoursFlags) {
   std::string notes;
-  auto on = [&](const std::string& o, const std::string& n, int32_t p) { notes += o + ">" + n + "@" + std::to_string(p) + " "; };
+  auto on = [&](const std::string& o, const std::string& n, int32_t p) {
+    notes += o + ">" + n + "@" + std::to_string(p) + " ";
+  };
   // Same length goes in place; case is ignored only for matching; occurrences do not
   // overlap; an empty or identical pattern changes (and notifies) nothing.
-  struct {
-    const char *S, *Old, *New;
-    TReplaceFlags Flags;
-    const char *Want, *Notes;
-  } rows[] = {
-      {"aaa", "a", "bb", ReplaceAll, "bbbbbb", "a>bb@1 a>bb@2 a>bb@3 "},
-      {"aaa", "a", "bb", 0, "bbaa", "a>bb@1 "},
-      {"x-x", "x", "x", ReplaceAll, "x-x", ""},
-      {"", "a", "b", ReplaceAll, "", ""},
-      {"abc", "", "b", ReplaceAll, "abc", ""},
-      {"abc", "zz", "b", ReplaceAll, "abc", ""},
-      {"abcabc", "bc", "XY", ReplaceAll, "aXYaXY", "bc>XY@2 bc>XY@5 "},
-      {"abcabc", "bc", "XY", 0, "aXYabc", "bc>XY@2 "},
+  struct { const char *S, *Old, *New; TReplaceFlags Flags; const char *Want, *Notes; } rows[] = {
+      {"aaa", "a", "bb", ReplaceAll, "bbbbbb", "a>bb@1 a>bb@2 a>bb@3 "}, {"aaa", "a", "bb", 0, "bbaa", "a>bb@1 "},
+      {"x-x", "x", "x", ReplaceAll, "x-x", ""}, {"", "a", "b", ReplaceAll, "", ""}, {"abc", "", "b", ReplaceAll, "abc", ""},
+      {"abc", "zz", "b", ReplaceAll, "abc", ""}, {"abcabc", "bc", "XY", 0, "aXYabc", "bc>XY@2 "},
+      {"abcabc", "bc", "XY", ReplaceAll, "aXYaXY", "bc>XY@2 bc>XY@5 "}, {"ABCabc", "bc", "-", ReplaceAll, "ABCa-", "bc>-@5 "},
       {"ABCabcAbC", "bc", "-", ReplaceAll | IgnoreCase, "A-a-A-", "bc>-@2 bc>-@5 bc>-@8 "},
-      {"ABCabc", "bc", "-", ReplaceAll, "ABCa-", "bc>-@5 "},
-      {"aXbXc", "X", "", ReplaceAll, "abc", "X>@2 X>@4 "},
-      {"aaaa", "aa", "b", ReplaceAll, "bb", "aa>b@1 aa>b@3 "},
+      {"aXbXc", "X", "", ReplaceAll, "abc", "X>@2 X>@4 "}, {"aaaa", "aa", "b", ReplaceAll, "bb", "aa>b@1 aa>b@3 "},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.S) + " / " + r.Old + " -> " + r.New);
@@ -167,13 +159,7 @@ TEST(TextSplit, CutFindCountAndDeduplicate) {
 
   // Where each search starts, whether it finds, and where it leaves the position.
   using TFind = bool (*)(const std::string&, const std::string&, int32_t&);
-  struct {
-    TFind Fn;
-    const char *Where, *What;
-    int32_t From;
-    bool Found;
-    int32_t At;
-  } finds[] = {
+  struct { TFind Fn; const char *Where, *What; int32_t From; bool Found; int32_t At; } finds[] = {
       {FindText, "Hello World hello", "HELLO", 1, true, 1},
       {FindText, "Hello World hello", "HELLO", 2, true, 13},
       {FindTextCaseSensitive, "Hello World hello", "Hello", 2, false, 2},
@@ -217,12 +203,7 @@ TEST(TextPhonetic, TranslitAndSoundEx) {
 
 TEST(TextNumbers, BothSeparators) {
   TSeparatorGuard guard;
-  struct {
-    char Sep;
-    std::string S;
-    bool Ok;
-    double V;
-  } rows[] = {{'.', "1 234,5", true, 1234.5}, {'.', "1,234,567.5", false, 0}, {'.', "1,234.5", true, 1234.5},
+  struct { char Sep; std::string S; bool Ok; double V; } rows[] = {{'.', "1 234,5", true, 1234.5}, {'.', "1,234,567.5", false, 0}, {'.', "1,234.5", true, 1234.5},
               {'.', "-2.5e3", true, -2500},   {'.', "\xA0" "7\xA0", true, 7},  {',', "1.5", true, 1.5},
               {',', "1,25", true, 1.25},      {',', "1,234.5", true, 1234.5},  {',', "1.234.5", false, 0}};
   for (const auto& r : rows) {
@@ -336,17 +317,15 @@ TEST(TextBadInput, HugeAndEmptyStrings) {
   EXPECT_EQ(GetCountOfSubtext(huge, "A"), static_cast<int32_t>(huge.size()));
   EXPECT_EQ(HexToStr(StrToHex(huge)).size(), huge.size());
   for (const std::string& s : {std::string(), std::string("\0", 1)}) {
-    TStringList list;
-    EXPECT_NO_THROW({
-      (void)GetTextWithoutTags(s);
-      (void)ExtractEscapeSymbols(s);
-      (void)Translit(s);
-      (void)CutInnerText(s, "", "");
-      (void)SplitTextToTwoLines(s);
-      (void)DeleteDuplicates(s, ',');
-      (void)DeleteTextBetweenText(s, "", "");
-      SplitText(s, s, &list);
-    });
+    TStringList list;  // whatever comes out, nothing throws or reads outside the text
+    (void)GetTextWithoutTags(s);
+    (void)ExtractEscapeSymbols(s);
+    (void)Translit(s);
+    (void)CutInnerText(s, "", "");
+    (void)SplitTextToTwoLines(s);
+    (void)DeleteDuplicates(s, ',');
+    (void)DeleteTextBetweenText(s, "", "");
+    SplitText(s, s, &list);
   }
 }
 
