@@ -1,6 +1,9 @@
 // Channel test helpers: a position-dependent byte pattern whose period (a prime) never
-// lines up with block sizes, so a lost, doubled or misplaced byte shows at once.
+// lines up with block sizes, so a lost, doubled or misplaced byte shows at once; what
+// the log gained; the process's handle count; waiting without hanging.
 #pragma once
+
+#include <windows.h>
 
 #include <cstdint>
 #include <string>
@@ -39,5 +42,34 @@ struct TRandom {
   int32_t Range(int32_t Lo, int32_t Hi) { return Lo + static_cast<int32_t>(Next() % static_cast<uint32_t>(Hi - Lo + 1)); }
   int32_t Piece() { return Range(1, 1 << Range(0, 18)); }
 };
+
+// The process's open handles, after opening the log file (which stays open). Wine
+// reports 0 from GetProcessHandleCount, so the handle table is probed instead (handle
+// values are multiples of 4).
+inline DWORD HandleCount() {
+  kl::klLog::AddToEventLog("handle count", kl::klLog::lkInformation);
+  DWORD n = 0;
+  if (GetProcessHandleCount(GetCurrentProcess(), &n) && n > 0) return n;
+  for (uintptr_t h = 4; h < 0x10000; h += 4) {
+    DWORD flags = 0;
+    if (GetHandleInformation(reinterpret_cast<HANDLE>(h), &flags)) ++n;
+  }
+  return n;
+}
+
+// Milliseconds since construction.
+struct TStopwatch {
+  ULONGLONG Start = GetTickCount64();
+  ULONGLONG Ms() const { return GetTickCount64() - Start; }
+};
+
+// Polls Cond every 5 ms for at most TimeoutMs.
+template <class F>
+bool WaitUntil(F&& Cond, DWORD TimeoutMs) {
+  for (TStopwatch w; !Cond(); Sleep(5)) {
+    if (w.Ms() > TimeoutMs) return false;
+  }
+  return true;
+}
 
 }  // namespace chtest

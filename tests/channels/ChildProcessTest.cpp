@@ -5,34 +5,29 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "ChannelsTestUtil.h"
 #include "KlTest.h"
-#include "ProcessTestRoles.h"
 #include "channels/klChildProcess.h"
 
 using namespace kl::klChildProcess;
-using chproc::ChildCommand;
-using chproc::TStopwatch;
 using chtest::LogOf;
+using chtest::TStopwatch;
 using kl::ComPtr;
 
 namespace {
 
-// "\r", "\n" and "\0" in role arguments stand for those bytes.
-std::string Unescape(const std::string& S) {
-  std::string r;
-  for (size_t i = 0; i < S.size(); ++i) {
-    if (S[i] == '\\' && i + 1 < S.size()) {
-      const char c = S[++i];
-      r += c == 'r' ? '\r' : c == 'n' ? '\n' : c == '0' ? '\0' : c;
-    } else {
-      r += S[i];
-    }
-  }
-  return r;
+std::string ChildCommand(const std::string& Role, const std::vector<std::string>& Args) {
+  std::string cmd = kltest::Quote(kltest::SelfExe()) + " --kl-child " + Role;
+  for (const auto& a : Args) cmd += " " + kltest::Quote(a);
+  return cmd;
+}
+
+ComPtr<IChildProcess3> Start(const std::string& Role, const std::vector<std::string>& Args) {
+  return TChildProcess::Create(ChildCommand(Role, Args));
 }
 
 void Put(FILE* F, const std::string& S) {
@@ -40,8 +35,9 @@ void Put(FILE* F, const std::string& S) {
   fflush(F);
 }
 
-ComPtr<IChildProcess3> Start(const std::string& Role, const std::vector<std::string>& Args) {
-  return TChildProcess::Create(ChildCommand(Role, Args));
+// "\r" and "\n" in role arguments stand for those bytes.
+std::string Unescape(const std::string& S) {
+  return std::regex_replace(std::regex_replace(S, std::regex(R"(\\r)"), "\r"), std::regex(R"(\\n)"), "\n");
 }
 
 }  // namespace
@@ -83,19 +79,26 @@ KL_CHILD_ROLE(flood) {
   for (uint64_t sent = 0;; sent += 4096) Put(stdout, chtest::Pattern(sent, 4096));
 }
 
-TEST(ChildProcess, ReadLineEndsAtCarriageReturns) {
+TEST(ChildProcess, ReadLineStandardErrorAndAvailableData) {
   auto child = Start("emit", {"abc\\r\\ndef\\r", ""});
   ASSERT_TRUE(child);
   ComPtr<IReadable2> out = child->GetStdOut();
+  // A line ends at a carriage return: the line feed starts the next one.
   EXPECT_EQ(out->ReadLine(), "abc\r");
   EXPECT_EQ(out->ReadLine(), "\ndef\r");
   EXPECT_TRUE(out->GetConnected());
   EXPECT_EQ(out->ReadLine(), "");
   EXPECT_FALSE(out->SetTimeout(-1));
   EXPECT_TRUE(out->SetTimeout(0));
-  char b;
-  EXPECT_EQ(out->Read(&b, 0, 1000), 0);
-  EXPECT_EQ(out->Read(nullptr, 1, 1000), 0);
+  char buf[4];
+  EXPECT_EQ(out->Read(buf, 0, 1000) + out->Read(nullptr, 1, 1000), 0);
+
+  child = Start("emit", {"out", "err\\r\\n"});
+  ASSERT_TRUE(child);
+  EXPECT_EQ(child->ReadFromChildStderr(5000), "err\r\n");  // written after standard output
+  out = child->GetStdOut();
+  EXPECT_EQ(out->ReadAvailabe(), "out");
+  EXPECT_EQ(out->ReadAvailabe(buf, 4) + out->ReadAvailabe(nullptr, 4), 0);
 }
 
 TEST(ChildProcess, TimeOutMeasuresSilenceAndAnExitEndsTheWait) {
@@ -129,17 +132,6 @@ TEST(ChildProcess, TimeOutMeasuresSilenceAndAnExitEndsTheWait) {
   }
 }
 
-TEST(ChildProcess, StandardErrorAndAvailableData) {
-  auto child = Start("emit", {"out", "err\\r\\n", "0"});
-  ASSERT_TRUE(child);
-  EXPECT_EQ(child->ReadFromChildStderr(5000), "err\r\n");
-  ComPtr<IReadable2> out = child->GetStdOut();
-  EXPECT_EQ(out->ReadAvailabe(), "out");
-  char buf[4];
-  EXPECT_EQ(out->ReadAvailabe(buf, 4), 0);
-  EXPECT_EQ(out->ReadAvailabe(nullptr, 4), 0);
-}
-
 TEST(ChildProcess, ClosingStandardInputEndsTheChildsInput) {
   auto child = Start("echo", {});
   ASSERT_TRUE(child);
@@ -164,8 +156,12 @@ TEST(ChildProcess, CloseWaitsThreeSecondsAndLeavesTheChildRunning) {
   EXPECT_LT(w.Ms(), 10000u);
   EXPECT_EQ(child->GetProc(), nullptr);
   EXPECT_FALSE(child->GetStdOut());
-  EXPECT_TRUE(chproc::ProcessRunning(pid));
-  chproc::KillProcess(pid);
+  HANDLE h = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(WaitForSingleObject(h, 0), static_cast<DWORD>(WAIT_TIMEOUT));  // still running
+  TerminateProcess(h, 9);
+  WaitForSingleObject(h, 5000);
+  CloseHandle(h);
 }
 
 TEST(ChildProcess, CommandsThatCannotStart) {
@@ -222,8 +218,7 @@ TEST(ChildProcess, FfmpegBannerAndRawVideo) {
 }
 
 TEST(ChildProcess, KilledChildDeadStreamsAndHandles) {
-  kl::klLog::AddToEventLog("handle count baseline", kl::klLog::lkInformation);  // opens the log file
-  const DWORD before = chproc::HandleCount();
+  const DWORD before = chtest::HandleCount();
   {
     auto child = Start("flood", {});
     ASSERT_TRUE(child);
@@ -252,5 +247,5 @@ TEST(ChildProcess, KilledChildDeadStreamsAndHandles) {
     EXPECT_EQ(child->ReadFromChildStdout(5000), "x");
   }
   // Each child leaves exactly its thread handle behind, no more.
-  EXPECT_LE(chproc::HandleCount(), before + 4);
+  EXPECT_LE(chtest::HandleCount(), before + 4);
 }

@@ -9,13 +9,12 @@
 
 #include "ChannelsTestUtil.h"
 #include "KlTest.h"
-#include "ProcessTestRoles.h"
 #include "channels/UPipe.h"
 
 using namespace kl::UPipe;
-using chproc::TStopwatch;
-using chproc::WaitUntil;
 using chtest::LogOf;
+using chtest::TStopwatch;
+using chtest::WaitUntil;
 using kl::ComPtr;
 
 namespace {
@@ -168,20 +167,16 @@ TEST(NamedPipe, FfmpegWritesRawVideoIntoThePipe) {
   ASSERT_EQ(expected.size(), 12u * 64 * 48 * 4);
 
   auto p = MakePipe("klnpVideo");
-  kltest::TRunResult r;
-  std::string got;
   // ffmpeg runs on this thread; the reader thread must keep taking the frames.
   p->SetBufferLevel(1 << 24);
-  r = kltest::Ffmpeg(source + p->GetName(), 60000);
+  const kltest::TRunResult r = kltest::Ffmpeg(source + p->GetName(), 60000);
   EXPECT_EQ(r.ExitCode, 0u) << r.Err;
   ASSERT_TRUE(p->WaitForData(static_cast<int32_t>(expected.size()), 10000));
-  got = p->GetText();
-  EXPECT_TRUE(got == expected);
+  EXPECT_TRUE(p->GetText() == expected);
 }
 
 TEST(NamedPipe, VanishingClientsDeadServersAndNoLeaks) {
-  kl::klLog::AddToEventLog("handle count baseline", kl::klLog::lkInformation);  // opens the log file
-  const DWORD before = chproc::HandleCount();
+  const DWORD before = chtest::HandleCount();
   {
     // Connects and leaves without a byte: waiting ends, nothing hangs.
     auto p = MakePipe(UniqueName("klnpVanish"));
@@ -220,5 +215,5 @@ TEST(NamedPipe, VanishingClientsDeadServersAndNoLeaks) {
     }
   }
   // The client processes' handles are gone with kltest's own objects.
-  EXPECT_LE(chproc::HandleCount(), before);
+  EXPECT_LE(chtest::HandleCount(), before);
 }

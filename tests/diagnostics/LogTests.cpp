@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <regex>
+#include <tuple>
 #include <thread>
 #include <vector>
 
@@ -98,42 +99,40 @@ TEST(LogFile, NewFileStartsWithExeNameAndEmptyLine) {
 
 TEST(LogFile, EachRunStartsAfreshUnlessAppending) {
   TTempDir dir;
-  const std::string file = dir / "klTests_diagnostics.log";
+  const std::string head = "klTests_diagnostics.exe\r\n\r\n";
   // Appending to a file that is not there yet still writes the header.
-  ASSERT_EQ(LogChild(dir.Path(), true, {"0:first run"}).ExitCode, 0u);
-  EXPECT_EQ(Masked(kltest::ReadFileBytes(file)), "klTests_diagnostics.exe\r\n\r\nT  i  first run\r\n");
-  ASSERT_EQ(LogChild(dir.Path(), false, {"0:second run"}).ExitCode, 0u);
-  EXPECT_EQ(Masked(kltest::ReadFileBytes(file)), "klTests_diagnostics.exe\r\n\r\nT  i  second run\r\n");
-  ASSERT_EQ(LogChild(dir.Path(), true, {"0:third run"}).ExitCode, 0u);
-  EXPECT_EQ(Masked(kltest::ReadFileBytes(file)),
-            "klTests_diagnostics.exe\r\n\r\nT  i  second run\r\n\r\nT  i  third run\r\n");
+  for (const auto& [append, line, want] : std::vector<std::tuple<bool, std::string, std::string>>{
+           {true, "first run", head + "T  i  first run\r\n"},
+           {false, "second run", head + "T  i  second run\r\n"},
+           {true, "third run", head + "T  i  second run\r\n\r\nT  i  third run\r\n"}}) {
+    ASSERT_EQ(LogChild(dir.Path(), append, {"0:" + line}).ExitCode, 0u);
+    EXPECT_EQ(Masked(kltest::ReadFileBytes(dir / "klTests_diagnostics.log")), want) << line;
+  }
 }
 
 TEST(LogFile, BusyNamesAreNumbered) {
   TTempDir dir;
-  {
-    THeldFile plain(dir / "klTests_diagnostics.log");
-    ASSERT_NE(plain.H, INVALID_HANDLE_VALUE);
-    ASSERT_EQ(LogChild(dir.Path(), false, {"0:to one"}).ExitCode, 0u);
-    EXPECT_NE(kltest::ReadFileBytes(dir / "klTests_diagnostics_1.log").find("to one"), std::string::npos);
+  THeldFile plain(dir / "klTests_diagnostics.log");
+  ASSERT_NE(plain.H, INVALID_HANDLE_VALUE);
+  ASSERT_EQ(LogChild(dir.Path(), false, {"0:to one"}).ExitCode, 0u);
+  EXPECT_NE(kltest::ReadFileBytes(dir / "klTests_diagnostics_1.log").find("to one"), std::string::npos);
 
-    std::vector<std::unique_ptr<THeldFile>> held;
-    for (int i = 1; i <= 99; ++i) {
-      held.push_back(std::make_unique<THeldFile>(dir / kl::Format("klTests_diagnostics_%d.log", i)));
-    }
-    ASSERT_EQ(LogChild(dir.Path(), false, {"0:to hundred"}).ExitCode, 0u);
-    EXPECT_NE(kltest::ReadFileBytes(dir / "klTests_diagnostics_100.log").find("to hundred"), std::string::npos);
-
-    // All 101 names busy: a message box per logged line, and nothing is written.
-    held.push_back(std::make_unique<THeldFile>(dir / "klTests_diagnostics_100.log"));
-    auto r = LogChild(dir.Path(), false, {"0:nowhere", "0:still nowhere"});
-    ASSERT_EQ(r.ExitCode, 0u);
-    const std::string box =
-        "BOX|klTests_diagnostics.exe|Не удалось создать файл лога. Возможно не хватает прав для записи в эту "
-        "папку.|48\n";
-    EXPECT_EQ(r.Out, box + "0\n" + box + "0\n");
-    EXPECT_FALSE(kl::FileExists(dir / "klTests_diagnostics_101.log"));
+  std::vector<std::unique_ptr<THeldFile>> held;
+  for (int i = 1; i <= 99; ++i) {
+    held.push_back(std::make_unique<THeldFile>(dir / kl::Format("klTests_diagnostics_%d.log", i)));
   }
+  ASSERT_EQ(LogChild(dir.Path(), false, {"0:to hundred"}).ExitCode, 0u);
+  EXPECT_NE(kltest::ReadFileBytes(dir / "klTests_diagnostics_100.log").find("to hundred"), std::string::npos);
+
+  // All 101 names busy: a message box per logged line, and nothing is written.
+  held.push_back(std::make_unique<THeldFile>(dir / "klTests_diagnostics_100.log"));
+  auto r = LogChild(dir.Path(), false, {"0:nowhere", "0:still nowhere"});
+  ASSERT_EQ(r.ExitCode, 0u);
+  const std::string box =
+      "BOX|klTests_diagnostics.exe|Не удалось создать файл лога. Возможно не хватает прав для записи в эту "
+      "папку.|48\n";
+  EXPECT_EQ(r.Out, box + "0\n" + box + "0\n");
+  EXPECT_FALSE(kl::FileExists(dir / "klTests_diagnostics_101.log"));
 }
 
 TEST(LogFile, LogDirIsFixedByTheFirstLine) {
@@ -184,13 +183,10 @@ TEST(LogFile, ConcurrentThreadsNeverInterleaveInsideALine) {
   EXPECT_EQ(found, threads * lines);
 }
 
-TEST(LastError, IsStoredAndLogged) {
+TEST(LastError, IsStoredAndLoggedAndExceptionsLogWhenMade) {
   SetMyLastError("device gone");
   EXPECT_EQ(GetMyLastError(), "device gone");
   EXPECT_NE(GetWholeLog().find("  E  ERROR: device gone\r\n"), std::string::npos);
-}
-
-TEST(LastError, ExceptionLogsWhenMade) {
   try {
     throw EklException("TSomething.Do: FThing = nil");
   } catch (const kl::Exception& e) {

@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <map>
 #include <random>
 
 #include "KlTest.h"
@@ -16,6 +15,8 @@ using namespace kl::UTextEx;
 
 namespace {
 
+using TStrings = std::vector<std::string>;
+
 std::string U8(const char8_t* S) { return reinterpret_cast<const char*>(S); }
 
 // The ANSI bytes of one UTF-16 text under the current code page.
@@ -24,6 +25,12 @@ std::string Ansi(const std::wstring& W) {
   std::string s(static_cast<size_t>(n), '\0');
   WideCharToMultiByte(CP_ACP, 0, W.data(), static_cast<int>(W.size()), s.data(), n, nullptr, nullptr);
   return s;
+}
+
+// Each row's input through Fn against what it should give.
+template <class F>
+void ExpectEach(F Fn, std::initializer_list<std::pair<std::string, std::string>> Rows) {
+  for (const auto& [in, want] : Rows) EXPECT_EQ(Fn(in), want) << "input \"" << in << "\"";
 }
 
 // A straightforward reference for StringReplaceEx (case-sensitive, all occurrences).
@@ -37,11 +44,6 @@ std::string NaiveReplaceAll(std::string S, const std::string& Old, const std::st
   return r + S.substr(from);
 }
 
-struct TNotice {
-  std::string Old, New;
-  int32_t Pos;
-};
-
 // Restores the process-wide separator whatever a test sets.
 struct TSeparatorGuard {
   TFormatSettings Saved = FormatSettings();
@@ -51,39 +53,32 @@ struct TSeparatorGuard {
 }  // namespace
 
 TEST(TextReplace, NotifiesEachReplacementAndHonoursFlags) {
-  std::vector<TNotice> notes;
-  auto on = [&](const std::string& o, const std::string& n, int32_t p) { notes.push_back({o, n, p}); };
+  std::string notes;
+  auto on = [&](const std::string& o, const std::string& n, int32_t p) {
+    notes += o + ">" + n + "@" + std::to_string(p) + " ";
+  };
+  // Same length goes in place; case is ignored only for matching; occurrences do not
+  // overlap; an empty or identical pattern changes (and notifies) nothing.
+  struct { const char *S, *Old, *New; TReplaceFlags Flags; const char *Want, *Notes; } rows[] = {
+      {"aaa", "a", "bb", ReplaceAll, "bbbbbb", "a>bb@1 a>bb@2 a>bb@3 "}, {"aaa", "a", "bb", 0, "bbaa", "a>bb@1 "},
+      {"x-x", "x", "x", ReplaceAll, "x-x", ""}, {"", "a", "b", ReplaceAll, "", ""}, {"abc", "", "b", ReplaceAll, "abc", ""},
+      {"abc", "zz", "b", ReplaceAll, "abc", ""}, {"abcabc", "bc", "XY", 0, "aXYabc", "bc>XY@2 "},
+      {"abcabc", "bc", "XY", ReplaceAll, "aXYaXY", "bc>XY@2 bc>XY@5 "}, {"ABCabc", "bc", "-", ReplaceAll, "ABCa-", "bc>-@5 "},
+      {"ABCabcAbC", "bc", "-", ReplaceAll | IgnoreCase, "A-a-A-", "bc>-@2 bc>-@5 bc>-@8 "},
+      {"aXbXc", "X", "", ReplaceAll, "abc", "X>@2 X>@4 "}, {"aaaa", "aa", "b", ReplaceAll, "bb", "aa>b@1 aa>b@3 "},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::string(r.S) + " / " + r.Old + " -> " + r.New);
+    notes.clear();
+    EXPECT_EQ(StringReplaceEx(r.S, r.Old, r.New, r.Flags, on), r.Want);
+    EXPECT_EQ(notes, r.Notes);
+  }
 
-  EXPECT_EQ(StringReplaceEx("aaa", "a", "bb", ReplaceAll, on), "bbbbbb");
-  ASSERT_EQ(notes.size(), 3u);
-  EXPECT_EQ(notes[0].Pos, 1);
-  EXPECT_EQ(notes[2].Pos, 3);
-  EXPECT_EQ(notes[1].Old, "a");
-  EXPECT_EQ(notes[1].New, "bb");
-
-  notes.clear();
-  EXPECT_EQ(StringReplaceEx("aaa", "a", "bb", 0, on), "bbaa");
-  EXPECT_EQ(notes.size(), 1u);
-
-  notes.clear();
-  EXPECT_EQ(StringReplaceEx("x-x", "x", "x", ReplaceAll, on), "x-x");
-  EXPECT_EQ(StringReplaceEx("", "a", "b", ReplaceAll, on), "");
-  EXPECT_EQ(StringReplaceEx("abc", "", "b", ReplaceAll, on), "abc");
-  EXPECT_EQ(StringReplaceEx("abc", "zz", "b", ReplaceAll, on), "abc");
-  EXPECT_TRUE(notes.empty());
-
-  // Same length: in place; positions are where the occurrences start.
-  EXPECT_EQ(StringReplaceEx("abcabc", "bc", "XY", ReplaceAll, on), "aXYaXY");
-  ASSERT_EQ(notes.size(), 2u);
-  EXPECT_EQ(notes[1].Pos, 5);
-  EXPECT_EQ(StringReplaceEx("abcabc", "bc", "XY", 0), "aXYabc");
-
-  // Case is ignored only for matching; the rest of the text keeps its case.
-  EXPECT_EQ(StringReplaceEx("ABCabcAbC", "bc", "-", ReplaceAll | IgnoreCase), "A-a-A-");
-  EXPECT_EQ(StringReplaceEx("ABCabc", "bc", "-", ReplaceAll), "ABCa-");
-  EXPECT_EQ(StringReplaceEx("aXbXc", "X", "", ReplaceAll), "abc");
-  // Occurrences do not overlap.
-  EXPECT_EQ(StringReplaceEx("aaaa", "aa", "b", ReplaceAll), "bb");
+  int k = 0;
+  auto sub = [&](const std::string&, std::string& n, int32_t) { n += std::to_string(++k); };
+  EXPECT_EQ(StringReplaceEx2("a.b.c", ".", "#", ReplaceAll, sub), "a#1b#2c");
+  EXPECT_EQ(StringReplaceEx2("a.b.c", ".", "#", 0, sub), "a#3b.c");
+  EXPECT_EQ(StringReplaceEx2("A.B", "a", "", ReplaceAll | IgnoreCase, nullptr), ".B");
 }
 
 TEST(TextReplace, MatchesAReferenceOnLargeRandomText) {
@@ -96,123 +91,18 @@ TEST(TextReplace, MatchesAReferenceOnLargeRandomText) {
   }
 }
 
-TEST(TextReplace, SubstituteMayChangeEachReplacement) {
-  int k = 0;
-  auto sub = [&](const std::string&, std::string& n, int32_t) { n += std::to_string(++k); };
-  EXPECT_EQ(StringReplaceEx2("a.b.c", ".", "#", ReplaceAll, sub), "a#1b#2c");
-  EXPECT_EQ(StringReplaceEx2("a.b.c", ".", "#", 0, sub), "a#3b.c");
-  EXPECT_EQ(StringReplaceEx2("A.B", "a", "", ReplaceAll | IgnoreCase, nullptr), ".B");
-}
-
-TEST(TextReplace, SymbolsAndBlocks) {
+TEST(TextReplace, SymbolsBlocksTagsAndEscapes) {
   EXPECT_EQ(ReplaceSymbols("a:b/c", ":/", "_"), "a_b_c");
   EXPECT_EQ(ReplaceSymbols("abc", "", "_"), "abc");
   EXPECT_EQ(ReplaceSymbols("aA", "a", "b"), "bA");
   EXPECT_EQ(DeleteSymbolsFromText("a-b_c-", "-_"), "abc");
   EXPECT_EQ(DeleteTextBetweenText("a/*x*/b/*y*/c/*z", "/*", "*/"), "abc/*z");
   EXPECT_EQ(TwoBytesCharsToOneByteChars(std::wstring(L"abc")), "abc");
-  EXPECT_EQ(TwoBytesCharsToOneByteChars(std::string("a\0b\0c", 6)), "abc");
-  EXPECT_EQ(TwoBytesCharsToOneByteChars(std::string("a\0b", 3)), "a");
-}
+  ExpectEach([](const std::string& s) { return TwoBytesCharsToOneByteChars(s); },
+             {{std::string("a\0b\0c", 6), "abc"}, {std::string("a\0b", 3), "a"}});
+  ExpectEach(GetTextWithoutTags, {{"<p>Hello&NBSP;</p>\r\n<p>  World </p><br>", "Hello World "},
+                                  {"no tags < here", "no tags < here"}, {"<a></a>", ""}, {"", ""}});
 
-TEST(TextSplit, DelimitersAndEnclosures) {
-  TStringList list;
-  SplitText("a;b;", ";", &list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"a", "b"}));
-  SplitText("a;;b", ";", &list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"a", "", "b"}));
-  SplitText("oneANDtwoandthree", "and", &list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"one", "two", "three"}));
-  SplitText("", ";", &list);
-  EXPECT_EQ(list.Count(), 0);
-  SplitText("a;b", "", &list);
-  EXPECT_EQ(list.Count(), 0);
-  SplitText("a;b", ";", nullptr);
-
-  SplitText("[a] [b] [c", "[", "]", &list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"a", "b"}));
-  SplitText("(a)(b)(c)", "(", ")", 2, &list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"b"}));
-  SplitText("(a)(b)", "(", ")", 3, &list);
-  EXPECT_EQ(list.Count(), 0);
-}
-
-TEST(TextSplit, FindBetweenCouplesNests) {
-  TStringList list;
-  EXPECT_TRUE(FindBetweenCouples("x(a(b)c)y", "(", ")", &list, 0));
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"a(b)c"}));
-  EXPECT_TRUE(FindBetweenCouples("(1)(2)(3)", "(", ")", &list, 2));
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"1", "2"}));
-  EXPECT_FALSE(FindBetweenCouples("((a)", "(", ")", &list, 0));
-  EXPECT_EQ(list.Count(), 0);
-  EXPECT_FALSE(FindBetweenCouples("", "(", ")", &list, 0));
-  EXPECT_FALSE(FindBetweenCouples("(a)", "(", ")", nullptr, 0));
-  // Multi-character delimiters, matched without regard to case.
-  EXPECT_TRUE(FindBetweenCouples("<B>bold <b>in</B></b> tail", "<b>", "</b>", &list, 0));
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"bold <b>in</B>"}));
-  EXPECT_EQ(FindBetweenCouple("f(x(y)) g(z)", "(", ")"), "x(y)");
-  EXPECT_EQ(FindBetweenCouple("none", "(", ")"), "");
-}
-
-TEST(TextSplit, CutAndFind) {
-  EXPECT_EQ(CutInnerText("a<B>c</b>d", "<b>", "</b>"), "c");
-  EXPECT_EQ(CutOuterText("a<B>c</b>d", "<b>", "</b>"), "<B>c</b>");
-  EXPECT_EQ(CutInnerText("key=value", "=", ""), "value");
-  EXPECT_EQ(CutInnerText("a<b>c", "<b>", "</b>"), "");
-  int32_t pos = 1;
-  std::vector<std::string> got;
-  for (std::string s; !(s = CutInnerText("[1][22][333]", "[", "]", pos)).empty();) got.push_back(s);
-  EXPECT_EQ(got, (std::vector<std::string>{"1", "22", "333"}));
-  EXPECT_EQ(pos, 13);
-
-  pos = 1;
-  EXPECT_TRUE(FindText("Hello World hello", "HELLO", pos));
-  EXPECT_EQ(pos, 1);
-  pos = 2;
-  EXPECT_TRUE(FindText("Hello World hello", "HELLO", pos));
-  EXPECT_EQ(pos, 13);
-  pos = 2;
-  EXPECT_FALSE(FindTextCaseSensitive("Hello World hello", "Hello", pos));
-  EXPECT_EQ(pos, 2);
-  pos = 100;
-  EXPECT_TRUE(FindTextBackward("abcABCabc", "ABC", pos));
-  EXPECT_EQ(pos, 7);
-  pos = 6;
-  EXPECT_TRUE(FindTextBackward("abcABCabc", "abc", pos));
-  EXPECT_EQ(pos, 4);
-  pos = 0;
-  EXPECT_FALSE(FindTextBackward("abc", "a", pos));
-
-  int32_t line = 0;
-  pos = 0;
-  EXPECT_TRUE(FindLineContainsText("first\r\nsecond LINE\nthird line", "line", line, pos));
-  EXPECT_EQ(line, 1);
-  EXPECT_EQ(pos, 8);
-  line = 2;
-  EXPECT_TRUE(FindLineContainsText("first\r\nsecond LINE\nthird line", "line", line, pos));
-  EXPECT_EQ(line, 2);
-  EXPECT_FALSE(FindLineContainsText("first", "", line, pos));
-
-  EXPECT_EQ(GetCountOfSubtext("aAaA", "aa"), 2);
-  EXPECT_EQ(GetCountOfSubtext("abc", ""), 0);
-
-  TStringList list;
-  list.SetText("b\na\nB\nb\na");
-  DeleteDuplicates(list);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"b", "a", "B"}));
-  DeleteDuplicates(list, true);
-  EXPECT_EQ(list.Items(), (std::vector<std::string>{"b", "a"}));
-  EXPECT_EQ(DeleteDuplicates("x,y,x,,z,", ','), "x,y,,z");
-}
-
-TEST(TextTags, StripsTagsAndEntities) {
-  EXPECT_EQ(GetTextWithoutTags("<p>Hello&NBSP;</p>\r\n<p>  World </p><br>"), "Hello World ");
-  EXPECT_EQ(GetTextWithoutTags("no tags < here"), "no tags < here");
-  EXPECT_EQ(GetTextWithoutTags("<a></a>"), "");
-  EXPECT_EQ(GetTextWithoutTags(""), "");
-}
-
-TEST(TextEscapes, PackAndExtractRoundTrip) {
   const std::string s = "path C:\\new\\table\r\n\tindented \\n literal\\";
   const std::string packed = PackEscapeSymbols(s);
   EXPECT_EQ(packed, "path C:\\\\new\\\\table\\n\\tindented \\\\n literal\\\\");
@@ -220,63 +110,123 @@ TEST(TextEscapes, PackAndExtractRoundTrip) {
   // Unknown escapes stay as they are; a lone CR or LF is not an escape.
   EXPECT_EQ(ExtractEscapeSymbols("\\x\\q\\"), "\\x\\q\\");
   EXPECT_EQ(PackEscapeSymbols("a\nb\r"), "a\nb\r");
-  EXPECT_EQ(UnescapeText("\\\"q\\\" \\'a\\' b\\\\c \\/d"), "\"q\" 'a' b\\c /d");
-  // The passes run one after another: the pair of backslashes becomes one, which then
-  // escapes the slash for the last pass.
-  EXPECT_EQ(UnescapeText("a\\\\/b"), "a/b");
+  // The passes run one after another: in the second row the pair of backslashes becomes
+  // one, which then escapes the slash for the last pass.
+  ExpectEach(UnescapeText, {{"\\\"q\\\" \\'a\\' b\\\\c \\/d", "\"q\" 'a' b\\c /d"}, {"a\\\\/b", "a/b"}});
 }
 
-TEST(TextTranslit, WholeAlphabetBothCases) {
-  EXPECT_EQ(Translit("АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯ"), "ABVGDEEZHZIIKLMNOPRSTUFHTSCHSHSCH'YEYUYA");
-  EXPECT_EQ(Translit("абвгдеёжзийклмнопрстуфхцчшщъыьэюя"), "abvgdeezhziiklmnoprstufhtschshsch'yeyuya");
-  EXPECT_EQ(Translit("Щука, 5 ёжиков!"), "SCHuka, 5 ezhikov!");
-  EXPECT_EQ(Translit(""), "");
+TEST(TextSplit, DelimitersEnclosuresAndCouples) {
+  TStringList list;
+  auto split = [&](auto&&... Args) {
+    SplitText(Args..., &list);
+    return list.Items();
+  };
+  EXPECT_EQ(split("a;b;", ";"), (TStrings{"a", "b"}));
+  EXPECT_EQ(split("a;;b", ";"), (TStrings{"a", "", "b"}));
+  EXPECT_EQ(split("oneANDtwoandthree", "and"), (TStrings{"one", "two", "three"}));
+  EXPECT_EQ(split("", ";"), TStrings{});
+  EXPECT_EQ(split("a;b", ""), TStrings{});
+  SplitText("a;b", ";", nullptr);
+  EXPECT_EQ(split("[a] [b] [c", "[", "]"), (TStrings{"a", "b"}));
+  EXPECT_EQ(split("(a)(b)(c)", "(", ")", 2), (TStrings{"b"}));
+  EXPECT_EQ(split("(a)(b)", "(", ")", 3), TStrings{});
+
+  EXPECT_TRUE(FindBetweenCouples("x(a(b)c)y", "(", ")", &list, 0));
+  EXPECT_EQ(list.Items(), (TStrings{"a(b)c"}));
+  EXPECT_TRUE(FindBetweenCouples("(1)(2)(3)", "(", ")", &list, 2));
+  EXPECT_EQ(list.Items(), (TStrings{"1", "2"}));
+  EXPECT_FALSE(FindBetweenCouples("((a)", "(", ")", &list, 0));
+  EXPECT_EQ(list.Count(), 0);
+  EXPECT_FALSE(FindBetweenCouples("", "(", ")", &list, 0));
+  EXPECT_FALSE(FindBetweenCouples("(a)", "(", ")", nullptr, 0));
+  // Multi-character delimiters, matched without regard to case.
+  EXPECT_TRUE(FindBetweenCouples("<B>bold <b>in</B></b> tail", "<b>", "</b>", &list, 0));
+  EXPECT_EQ(list.Items(), (TStrings{"bold <b>in</B>"}));
+  EXPECT_EQ(FindBetweenCouple("f(x(y)) g(z)", "(", ")"), "x(y)");
+  EXPECT_EQ(FindBetweenCouple("none", "(", ")"), "");
 }
 
-TEST(TextSoundEx, PhoneticKeys) {
-  EXPECT_EQ(MySoundEx("Robert"), "rbrt");
-  EXPECT_EQ(MySoundEx("Hammer"), "mr");
-  EXPECT_EQ(MySoundEx("WOW"), "v");
-  EXPECT_EQ(MySoundEx("Tot 2 Tat"), "t");
-  EXPECT_EQ(MySoundEx("Привет"), "");
-  EXPECT_EQ(MySoundEx(""), "");
+TEST(TextSplit, CutFindCountAndDeduplicate) {
+  EXPECT_EQ(CutInnerText("a<B>c</b>d", "<b>", "</b>"), "c");
+  EXPECT_EQ(CutOuterText("a<B>c</b>d", "<b>", "</b>"), "<B>c</b>");
+  EXPECT_EQ(CutInnerText("key=value", "=", ""), "value");
+  EXPECT_EQ(CutInnerText("a<b>c", "<b>", "</b>"), "");
+  int32_t pos = 1;
+  TStrings got;
+  for (std::string s; !(s = CutInnerText("[1][22][333]", "[", "]", pos)).empty();) got.push_back(s);
+  EXPECT_EQ(got, (TStrings{"1", "22", "333"}));
+  EXPECT_EQ(pos, 13);
+
+  // Where each search starts, whether it finds, and where it leaves the position.
+  using TFind = bool (*)(const std::string&, const std::string&, int32_t&);
+  struct { TFind Fn; const char *Where, *What; int32_t From; bool Found; int32_t At; } finds[] = {
+      {FindText, "Hello World hello", "HELLO", 1, true, 1},
+      {FindText, "Hello World hello", "HELLO", 2, true, 13},
+      {FindTextCaseSensitive, "Hello World hello", "Hello", 2, false, 2},
+      {FindTextBackward, "abcABCabc", "ABC", 100, true, 7},
+      {FindTextBackward, "abcABCabc", "abc", 6, true, 4},
+      {FindTextBackward, "abc", "a", 0, false, 0},
+  };
+  for (const auto& f : finds) {
+    SCOPED_TRACE(std::string(f.Where) + " / " + f.What + " from " + std::to_string(f.From));
+    pos = f.From;
+    EXPECT_EQ(f.Fn(f.Where, f.What, pos), f.Found);
+    EXPECT_EQ(pos, f.At);
+  }
+
+  int32_t line = 0;
+  pos = 0;
+  EXPECT_TRUE(FindLineContainsText("first\r\nsecond LINE\nthird line", "line", line, pos));
+  EXPECT_EQ(std::make_pair(line, pos), std::make_pair(1, 8));
+  line = 2;
+  EXPECT_TRUE(FindLineContainsText("first\r\nsecond LINE\nthird line", "line", line, pos));
+  EXPECT_EQ(line, 2);
+  EXPECT_FALSE(FindLineContainsText("first", "", line, pos));
+  EXPECT_EQ(GetCountOfSubtext("aAaA", "aa"), 2);
+  EXPECT_EQ(GetCountOfSubtext("abc", ""), 0);
+
+  TStringList list;
+  list.SetText("b\na\nB\nb\na");
+  DeleteDuplicates(list);
+  EXPECT_EQ(list.Items(), (TStrings{"b", "a", "B"}));
+  DeleteDuplicates(list, true);
+  EXPECT_EQ(list.Items(), (TStrings{"b", "a"}));
+  EXPECT_EQ(DeleteDuplicates("x,y,x,,z,", ','), "x,y,,z");
+}
+
+TEST(TextPhonetic, TranslitAndSoundEx) {
+  ExpectEach(Translit, {{"АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯ", "ABVGDEEZHZIIKLMNOPRSTUFHTSCHSHSCH'YEYUYA"},
+                        {"абвгдеёжзийклмнопрстуфхцчшщъыьэюя", "abvgdeezhziiklmnoprstufhtschshsch'yeyuya"},
+                        {"Щука, 5 ёжиков!", "SCHuka, 5 ezhikov!"}, {"", ""}});
+  ExpectEach(MySoundEx, {{"Robert", "rbrt"}, {"Hammer", "mr"}, {"WOW", "v"}, {"Tot 2 Tat", "t"}, {"Привет", ""}, {"", ""}});
 }
 
 TEST(TextNumbers, BothSeparators) {
   TSeparatorGuard guard;
-  double v = 0;
+  struct { char Sep; std::string S; bool Ok; double V; } rows[] = {{'.', "1 234,5", true, 1234.5}, {'.', "1,234,567.5", false, 0}, {'.', "1,234.5", true, 1234.5},
+              {'.', "-2.5e3", true, -2500},   {'.', "\xA0" "7\xA0", true, 7},  {',', "1.5", true, 1.5},
+              {',', "1,25", true, 1.25},      {',', "1,234.5", true, 1234.5},  {',', "1.234.5", false, 0}};
+  for (const auto& r : rows) {
+    FormatSettings().DecimalSeparator = r.Sep;
+    double v = 42;
+    EXPECT_EQ(TryStrToFloatEx(r.S, v), r.Ok) << r.S << " with " << r.Sep;
+    EXPECT_DOUBLE_EQ(v, r.Ok ? r.V : 42) << r.S << " with " << r.Sep;  // a failure leaves the value
+  }
   FormatSettings().DecimalSeparator = '.';
-  EXPECT_TRUE(TryStrToFloatEx("1 234,5", v));
-  EXPECT_DOUBLE_EQ(v, 1234.5);
-  EXPECT_FALSE(TryStrToFloatEx("1,234,567.5", v));
-  EXPECT_TRUE(TryStrToFloatEx("1,234.5", v));
-  EXPECT_DOUBLE_EQ(v, 1234.5);
-  EXPECT_TRUE(TryStrToFloatEx("-2.5e3", v));
-  EXPECT_DOUBLE_EQ(v, -2500);
-  EXPECT_TRUE(TryStrToFloatEx("\xA0" "7\xA0", v));
-  EXPECT_DOUBLE_EQ(v, 7);
-  v = 42;
+  double v = 42;
   for (const char* bad : {"", " ", "abc", "1.2.3", "1e", "--1", "0x10", "inf", "nan", "1,5,"}) {
     EXPECT_FALSE(TryStrToFloatEx(bad, v)) << bad;
   }
   EXPECT_DOUBLE_EQ(v, 42);
   EXPECT_EQ(CorrectDecimalSeparator("1,5,6"), "1.5,6");
-
   FormatSettings().DecimalSeparator = ',';
-  EXPECT_TRUE(TryStrToFloatEx("1.5", v));
-  EXPECT_DOUBLE_EQ(v, 1.5);
-  EXPECT_TRUE(TryStrToFloatEx("1,25", v));
-  EXPECT_DOUBLE_EQ(v, 1.25);
-  EXPECT_TRUE(TryStrToFloatEx("1,234.5", v));
-  EXPECT_DOUBLE_EQ(v, 1234.5);
-  EXPECT_FALSE(TryStrToFloatEx("1.234.5", v));
   EXPECT_EQ(CorrectDecimalSeparator("1.5.6"), "1,5.6");
   EXPECT_DOUBLE_EQ(StrToFloatEx(" 3.75 "), 3.75);
   EXPECT_THROW(StrToFloatEx("x"), EConvertError);
   EXPECT_DOUBLE_EQ(StrToFloatDefEx("x", -1), -1);
 }
 
-TEST(TextFiles, AnsiUtf8AndUtf16FilesRoundTrip) {
+TEST(TextFiles, AnsiUtf8AndUtf16FilesAndStreamsRoundTrip) {
   kltest::TTempDir dir;
   std::string bytes;
   for (int c = 0; c < 256; ++c) bytes += static_cast<char>(c);
@@ -288,7 +238,7 @@ TEST(TextFiles, AnsiUtf8AndUtf16FilesRoundTrip) {
   EXPECT_EQ(kltest::ReadFileBytes(dir / "added.txt"), "new");
   ASSERT_TRUE(SaveStrToFile("", dir / "raw.bin"));
   EXPECT_EQ(LoadStrFromFile(dir / "raw.bin"), "");
-  EXPECT_EQ(LoadStrFromFile(dir / "missing.txt"), "");
+  EXPECT_EQ(LoadStrFromFile(dir / "missing.txt") + LoadUtf8StringFromFile(dir / "missing.txt"), "");
   EXPECT_FALSE(SaveStrToFile("x", dir / "no\\such\\dir.txt"));
 
   // Characters every Windows-1251 and -1252 code page has: printable ASCII and 0xA0..0xFF.
@@ -297,24 +247,19 @@ TEST(TextFiles, AnsiUtf8AndUtf16FilesRoundTrip) {
   for (int c = 0xA0; c < 0x100; ++c) text += static_cast<char>(c);
   ASSERT_TRUE(SaveUtf8StringToFile(text, dir / "u8.txt"));
   const std::string u8 = kltest::ReadFileBytes(dir / "u8.txt");
-  EXPECT_EQ(u8.compare(0, 6, "line\r\n"), 0);
-  EXPECT_GT(u8.size(), text.size());  // every byte from 0xA0 takes two in UTF-8
-  EXPECT_NE(u8.compare(0, 3, "\xEF\xBB\xBF"), 0);
+  EXPECT_EQ(u8.compare(0, 6, "line\r\n"), 0);  // no byte order mark
+  EXPECT_GT(u8.size(), text.size());           // every byte from 0xA0 takes two in UTF-8
   EXPECT_EQ(LoadUtf8StringFromFile(dir / "u8.txt"), text);
   kltest::WriteFileBytes(dir / "bom.txt", "\xEF\xBB\xBF" "abc");
   EXPECT_EQ(LoadUtf8StringFromFile(dir / "bom.txt"), "abc");
-  EXPECT_EQ(LoadUtf8StringFromFile(dir / "missing.txt"), "");
 
   const std::wstring w = L"Wide \x0416\x00E9 \xD83D\xDE00 end";
   ASSERT_TRUE(SaveWideStringToFile(w, dir / "u16.txt"));
-  EXPECT_EQ(kltest::ReadFileBytes(dir / "u16.txt").size(), w.size() * 2);
-  EXPECT_EQ(kltest::ReadFileBytes(dir / "u16.txt").substr(0, 4), std::string("W\0i\0", 4));
+  EXPECT_EQ(kltest::ReadFileBytes(dir / "u16.txt"), std::string(reinterpret_cast<const char*>(w.data()), w.size() * 2));
   EXPECT_EQ(LoadWideStringFromFile(dir / "u16.txt"), w);
   kltest::WriteFileBytes(dir / "bom16.txt", std::string("\xFF\xFE" "a\0b\0c", 7));
   EXPECT_EQ(LoadWideStringFromFile(dir / "bom16.txt"), L"ab");  // the odd last byte is dropped
-}
 
-TEST(TextFiles, Streams) {
   TMemoryStream m;
   ASSERT_TRUE(SaveUtf8StringToStream("abc\xE9", m));
   m.SetPosition(0);
@@ -330,19 +275,15 @@ TEST(TextFiles, Streams) {
 }
 
 TEST(TextUtf8, SmartDecoding) {
-  EXPECT_EQ(UTF8ToStrSmart("plain"), "plain");
-  EXPECT_EQ(UTF8ToStrSmart(U8(u8"caf\u00e9")), "caf" + Ansi(L"\x00E9"));
-  EXPECT_EQ(UTF8ToStrSmart(U8(u8"\u0416")), Ansi(L"\x0416"));
-  // Stray continuation bytes are copied: 8-bit text that is not UTF-8 passes.
-  EXPECT_EQ(UTF8ToStrSmart("a\x80\xBF" "b"), "a\x80\xBF" "b");
-  // An incomplete sequence at the end is dropped.
-  EXPECT_EQ(UTF8ToStrSmart("abc\xE2\x82"), "abc");
-  EXPECT_EQ(UTF8ToStrSmart("\xFC"), "");
+  // Stray continuation bytes are copied (8-bit text that is not UTF-8 passes); an
+  // incomplete sequence at the end is dropped.
+  ExpectEach(UTF8ToStrSmart, {{"plain", "plain"}, {U8(u8"caf\u00e9"), "caf" + Ansi(L"\x00E9")},
+                              {U8(u8"\u0416"), Ansi(L"\x0416")}, {"a\x80\xBF" "b", "a\x80\xBF" "b"},
+                              {"abc\xE2\x82", "abc"}, {"\xFC", ""}, {"", ""}});
   // Invalid runs give something, never a crash.
   std::string junk;
   for (int i = 0; i < 1000; ++i) junk += static_cast<char>(0xC0 + i % 64);
   EXPECT_NO_THROW(UTF8ToStrSmart(junk));
-  EXPECT_EQ(UTF8ToStrSmart(""), "");
 }
 
 TEST(TextLayout, JoinPadIndentSplitHex) {
@@ -352,28 +293,21 @@ TEST(TextLayout, JoinPadIndentSplitHex) {
   EXPECT_EQ(StringsAsSingleLine(list), "a b c");
   EXPECT_EQ(JoinStrings(list, ", "), "a, b, c");
   EXPECT_EQ(JoinStrings(TStringList(), ", "), "");
-  EXPECT_EQ(PadString("ab", 5, '.'), "ab...");
-  EXPECT_EQ(PadString("abcdef", 3, '.'), "abcdef");
-  EXPECT_EQ(PadString("ab", -4, '.'), "ab");
+  EXPECT_EQ(PadString("ab", 5, '.') + "|" + PadString("abcdef", 3, '.') + "|" + PadString("ab", -4, '.'), "ab...|abcdef|ab");
   EXPECT_EQ(MoveTextToRight("a\r\nb", 2), "  a\r\n  b");
   EXPECT_EQ(MoveTextToRight("a", 0), "a");
   MoveTextToRight(list, 1);
   EXPECT_EQ(list[2], " c");
-  EXPECT_EQ(SplitTextToTwoLines("one two three four"), "one two\r\nthree four");
-  EXPECT_EQ(SplitTextToTwoLines("single"), "single");
-  EXPECT_EQ(Max("abc", "abd"), "abd");
-  EXPECT_EQ(Min("abc", "abd"), "abc");
+  ExpectEach(SplitTextToTwoLines, {{"one two three four", "one two\r\nthree four"}, {"single", "single"}});
+  EXPECT_EQ(Max("abc", "abd") + Min("abc", "abd"), "abdabc");
 
   EXPECT_EQ(StrToHex(std::string("\0\xFF" "ab", 4)), "00FF6162");
   EXPECT_EQ(StrToHex(""), "");
   std::string all;
   for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
   EXPECT_EQ(HexToStr(StrToHex(all)), all);
-  EXPECT_EQ(HexToStr("6a6B"), "jk");
-  EXPECT_EQ(HexToStr("414"), "A");  // odd length: the last digit is ignored
-  EXPECT_EQ(HexToStr("41G142"), std::string("A\0\0", 3));
-  EXPECT_EQ(HexToStr(""), "");
-  EXPECT_EQ(HexToStr("4"), "");
+  // An odd length ignores the last digit; a bad digit gives a zero byte.
+  ExpectEach(HexToStr, {{"6a6B", "jk"}, {"414", "A"}, {"41G142", std::string("A\0\0", 3)}, {"", ""}, {"4", ""}});
 }
 
 TEST(TextBadInput, HugeAndEmptyStrings) {
@@ -383,17 +317,15 @@ TEST(TextBadInput, HugeAndEmptyStrings) {
   EXPECT_EQ(GetCountOfSubtext(huge, "A"), static_cast<int32_t>(huge.size()));
   EXPECT_EQ(HexToStr(StrToHex(huge)).size(), huge.size());
   for (const std::string& s : {std::string(), std::string("\0", 1)}) {
-    TStringList list;
-    EXPECT_NO_THROW({
-      (void)GetTextWithoutTags(s);
-      (void)ExtractEscapeSymbols(s);
-      (void)Translit(s);
-      (void)CutInnerText(s, "", "");
-      (void)SplitTextToTwoLines(s);
-      (void)DeleteDuplicates(s, ',');
-      (void)DeleteTextBetweenText(s, "", "");
-      SplitText(s, s, &list);
-    });
+    TStringList list;  // whatever comes out, nothing throws or reads outside the text
+    (void)GetTextWithoutTags(s);
+    (void)ExtractEscapeSymbols(s);
+    (void)Translit(s);
+    (void)CutInnerText(s, "", "");
+    (void)SplitTextToTwoLines(s);
+    (void)DeleteDuplicates(s, ',');
+    (void)DeleteTextBetweenText(s, "", "");
+    SplitText(s, s, &list);
   }
 }
 
@@ -402,46 +334,32 @@ TEST(TextBadInput, HugeAndEmptyStrings) {
 // started from inside Wine keeps its parent's. So the child is started from a Unix shell
 // (Wine runs Unix programs given by a Unix path) with a Russian locale compiled on the spot.
 
-namespace {
-
-bool UnderWine() {
-  return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
-}
-
-// name=hex lines written by the child.
-std::map<std::string, std::string> ReadResults(const std::string& FileName) {
-  std::map<std::string, std::string> r;
-  TStringList lines;
-  lines.SetText(kltest::ReadFileBytes(FileName));
-  for (int i = 0; i < lines.Count(); ++i) r[lines.Names(i)] = HexToStr(lines.ValueFromIndex(i));
-  return r;
-}
-
-}  // namespace
-
+// Checks the Cyrillic behaviours and writes the code page it ran under, then a line per
+// mismatch (hex, as the bytes are Windows-1251), into Args[0].
 KL_CHILD_ROLE(text_ru) {
   if (Args.empty()) return 2;
   GetLocaleFormatSettings();
-  TStringList out;
-  auto put = [&](const std::string& k, const std::string& v) { out.Add(k + "=" + StrToHex(v)); };
-  put("acp", std::to_string(GetACP()));
-  put("sep", std::string(1, FormatSettings().DecimalSeparator));
-  put("lower", AnsiLowerCase("ЁЧЯ Ab"));
-  put("upper", AnsiUpperCase("ёчя aB"));
+  std::string out = "acp=" + std::to_string(GetACP()) + "\r\n";
+  auto check = [&](const char* What, const std::string& Got, const std::string& Want) {
+    if (Got != Want) out += std::string(What) + ": got " + StrToHex(Got) + ", want " + StrToHex(Want) + "\r\n";
+  };
+  check("separator", std::string(1, FormatSettings().DecimalSeparator), ",");  // the locale's, read at start-up
+  check("lower", AnsiLowerCase("ЁЧЯ Ab"), "ёчя ab");
+  check("upper", AnsiUpperCase("ёчя aB"), "ЁЧЯ AB");
   int32_t pos = 1;
-  put("find", FindText("Привет, МИР", "мир", pos) ? std::to_string(pos) : "-");
-  put("replace", StringReplaceEx("Мама МАМА мАмА", "мама", "папа", ReplaceAll | IgnoreCase));
-  put("count", std::to_string(GetCountOfSubtext("ЯяЯ", "я")));
-  put("couples", FindBetweenCouple("xЁabЯy", "ё", "я"));
-  put("soundex", MySoundEx("Щука Robert"));
+  check("find", FindText("Привет, МИР", "мир", pos) ? std::to_string(pos) : "-", "9");
+  check("replace", StringReplaceEx("Мама МАМА мАмА", "мама", "папа", ReplaceAll | IgnoreCase), "папа папа папа");
+  check("count", std::to_string(GetCountOfSubtext("ЯяЯ", "я")), "3");
+  check("couples", FindBetweenCouple("xЁabЯy", "ё", "я"), "ab");
+  check("soundex", MySoundEx("Щука Robert"), "rbrt");
   double v = 0;
-  put("float", TryStrToFloatEx("1 234.5", v) ? std::to_string(v) : "-");
-  put("utf8", UTF8ToStrSmart(U8(u8"Привет, мир")));
+  check("float", TryStrToFloatEx("1 234.5", v) ? std::to_string(v) : "-", "1234.500000");
+  check("utf8", UTF8ToStrSmart(U8(u8"Привет, мир")), "Привет, мир");
   const std::string file = Args[0] + ".u8";
   SaveUtf8StringToFile("Ёлка", file);
-  put("u8file", kltest::ReadFileBytes(file));
-  put("u8back", LoadUtf8StringFromFile(file));
-  SaveStrToFile(out.GetText(), Args[0] + ".tmp");
+  check("u8file", kltest::ReadFileBytes(file), U8(u8"Ёлка"));
+  check("u8back", LoadUtf8StringFromFile(file), "Ёлка");
+  SaveStrToFile(out, Args[0] + ".tmp");
   return MoveFileA((Args[0] + ".tmp").c_str(), Args[0].c_str()) ? 0 : 3;
 }
 
@@ -451,7 +369,7 @@ TEST(TextCyrillic, UnderRussianCodePage) {
   if (GetACP() == 1251) {
     ASSERT_EQ(kltest::RunChild("text_ru", {result}).ExitCode, 0u);
   } else {
-    if (!UnderWine()) GTEST_SKIP() << "no Russian code page and not under Wine";
+    if (GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr) GTEST_SKIP() << "no Russian code page and not under Wine";
     // The Unix side: compile the locale, start the child under it. Runs detached, so the
     // result file is awaited below.
     const std::string script =
@@ -470,18 +388,7 @@ TEST(TextCyrillic, UnderRussianCodePage) {
     for (int i = 0; i < 1200 && !FileExists(result); ++i) Sleep(100);
   }
   if (!FileExists(result)) GTEST_SKIP() << "the Russian locale child did not report (no ru_RU locale source?)";
-  auto r = ReadResults(result);
-  if (r["acp"] != "1251") GTEST_SKIP() << "the child ran with code page " << r["acp"];
-  EXPECT_EQ(r["sep"], ",");  // the Russian locale's separator, read at start-up
-  EXPECT_EQ(r["lower"], "ёчя ab");
-  EXPECT_EQ(r["upper"], "ЁЧЯ AB");
-  EXPECT_EQ(r["find"], "9");
-  EXPECT_EQ(r["replace"], "папа папа папа");
-  EXPECT_EQ(r["count"], "3");
-  EXPECT_EQ(r["couples"], "ab");
-  EXPECT_EQ(r["soundex"], "rbrt");
-  EXPECT_EQ(r["float"].substr(0, 6), "1234.5");  // written by std::to_string: "1234.500000"
-  EXPECT_EQ(r["utf8"], "Привет, мир");
-  EXPECT_EQ(r["u8file"], U8(u8"Ёлка"));
-  EXPECT_EQ(r["u8back"], "Ёлка");
+  const std::string r = kltest::ReadFileBytes(result);
+  if (r.rfind("acp=1251\r\n", 0) != 0) GTEST_SKIP() << "the child ran with " << r.substr(0, r.find('\r'));
+  EXPECT_EQ(r.substr(10), "");
 }
