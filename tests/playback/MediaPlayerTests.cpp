@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PlaybackTestUtil.h"
@@ -294,26 +295,18 @@ TEST(MediaPlayer, SpeedAndVolumeLimits) {
   EXPECT_EQ(1.0f, p.GetSpeed());
   EXPECT_EQ(1.0f, p.GetVolume());
   EXPECT_EQ(pmNotReady, p.GetMode());
-  p.SetSpeed(3.0f);
-  EXPECT_EQ(1.0f, p.GetSpeed());
-  p.SetSpeed(0.0f);
-  EXPECT_EQ(1.0f, p.GetSpeed());
-  p.SetSpeed(-1.0f);
-  EXPECT_EQ(1.0f, p.GetSpeed());
-  p.SetSpeed(NAN);
-  EXPECT_EQ(1.0f, p.GetSpeed());
-  p.SetSpeed(2.99f);
-  EXPECT_EQ(2.99f, p.GetSpeed());
-  p.SetSpeed(0.5f);
-  EXPECT_EQ(0.5f, p.GetSpeed());
-  p.SetVolume(5.0f);
-  EXPECT_EQ(5.0f, p.GetVolume());
-  p.SetVolume(-0.1f);
-  EXPECT_EQ(5.0f, p.GetVolume());
-  p.SetVolume(5.01f);
-  EXPECT_EQ(5.0f, p.GetVolume());
-  p.SetVolume(0.0f);
-  EXPECT_EQ(0.0f, p.GetVolume());
+  // Each value in turn: what the player holds afterwards (a refused value changes nothing).
+  const std::pair<float, float> speeds[] = {{3.0f, 1.0f}, {0.0f, 1.0f}, {-1.0f, 1.0f}, {NAN, 1.0f},
+                                            {2.99f, 2.99f}, {0.5f, 0.5f}};
+  for (const auto& [value, held] : speeds) {
+    p.SetSpeed(value);
+    EXPECT_EQ(held, p.GetSpeed()) << "speed " << value;
+  }
+  const std::pair<float, float> volumes[] = {{5.0f, 5.0f}, {-0.1f, 5.0f}, {5.01f, 5.0f}, {0.0f, 0.0f}};
+  for (const auto& [value, held] : volumes) {
+    p.SetVolume(value);
+    EXPECT_EQ(held, p.GetVolume()) << "volume " << value;
+  }
   EXPECT_EQ(0, p.GetPosition());
   EXPECT_EQ(0, p.GetLength());
   EXPECT_EQ(0, p.BytesToMilliseconds(176400));

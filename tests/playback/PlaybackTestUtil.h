@@ -38,6 +38,12 @@ inline std::vector<TFrame> Pattern(int32_t Frames) {
   return v;
 }
 
+// Whole 18-byte format records compared (cbSize included).
+inline bool IsCdFormat(const WAVEFORMATEX& F) {
+  const WAVEFORMATEX cd{WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0};
+  return std::memcmp(&F, &cd, sizeof cd) == 0;
+}
+
 inline std::string Bytes(const std::vector<TFrame>& F) {
   return std::string(reinterpret_cast<const char*>(F.data()), F.size() * sizeof(TFrame));
 }

@@ -15,12 +15,7 @@ TEST(WavFileSoundStream, DeliversTheDataInOrderAndKeepsTheSeekTargetAsPosition) 
   ComPtr<ISoundStream> s = WavSource(WriteWav(dir, "a.wav", frames), false);
 
   EXPECT_EQ(1500, s->GetLength());
-  const WAVEFORMATEX f = s->GetWaveFormat();
-  EXPECT_EQ(WAVE_FORMAT_PCM, f.wFormatTag);
-  EXPECT_EQ(2, f.nChannels);
-  EXPECT_EQ(44100u, f.nSamplesPerSec);
-  EXPECT_EQ(4, f.nBlockAlign);
-  EXPECT_EQ(16, f.wBitsPerSample);
+  EXPECT_TRUE(IsCdFormat(s->GetWaveFormat()));
 
   // Odd sizes and the end: every byte once, then 0.
   std::string got;
