@@ -1,6 +1,6 @@
 // Bad input for both MP3 units: a few thousand damaged copies of real ffmpeg-encoded
-// files through every parser, in guarded buffers so that a
-// read outside the given bytes faults. The run happens in a child process: a fault
+// files through every parser, in guarded buffers so that a read outside the given
+// bytes faults. The run happens in a child process: a fault
 // there fails the test with the case that caused it instead of ending the whole run.
 #include <gtest/gtest.h>
 
@@ -36,16 +36,12 @@ void CheckInfo(bool Ok, const typename TUnit::TInfo& Info, const uint8_t* Data, 
     Require(std::memcmp(&zero, &Info, sizeof zero) == 0, "false but Info not cleared");
     return;
   }
-  // The field values themselves are the header tables' business; here they only have
-  // to come from a real sync within the data.
-  Require(Info.Version >= 1 && Info.Version <= 3 && Info.Layer >= 1 && Info.Layer <= 3, "Version or Layer");
+  // The field values themselves are the header tables' business; here the header has
+  // to be a real sync within the data.
   Require(Info.Offset >= 0 && Info.Offset + 4 <= Size && Info.Offset + 4 <= kSearch, "Offset");
   const uint8_t* h = Data + Info.Offset;
   Require(h[0] == 0xFF && (h[1] & 0xE0) == 0xE0, "no sync at Offset");
-  Require(Info.Stereo == ((h[3] >> 6) < 2), "Stereo");
-  Require(TUnit::Channels(Info) == (Info.Stereo ? 2 : 1), "Channels");
-  const bool padding = (h[2] & 2) != 0;
-  Require(TUnit::FrameSize(h) == TUnit::FrameSize(Info, padding), "frame size of the header");
+  Require(TUnit::FrameSize(h) == TUnit::FrameSize(Info, (h[2] & 2) != 0), "frame size of the header");
 }
 
 template <class TUnit>
@@ -65,10 +61,6 @@ void MemoryForms(const TGuardedBuffer& B, std::mt19937& Rng) {
     Require(std::memcmp(f.P, B.Data() + info.Offset, static_cast<size_t>(n)) == 0, "frames not the data's");
   }
   Require(TUnit::Count(B.Data(), B.Size(), true) >= 0, "negative count");
-  for (int i = 0; i < 4 && B.Size() >= 4; ++i) {
-    const int32_t pos = static_cast<int32_t>(Rng() % static_cast<uint32_t>(B.Size() - 3));
-    Require(TUnit::FrameSize(B.Data() + pos) >= 0, "negative frame size");
-  }
 }
 
 template <class TUnit>
