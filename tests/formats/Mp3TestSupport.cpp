@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -15,43 +13,9 @@
 
 namespace mp3test {
 
-namespace {
-
-struct TRecipe {
-  const char* Name;
-  int32_t Rate;
-  int32_t Channels;
-  int32_t CbrKbits;  // 0: VBR
-  int32_t VbrQuality;
-  bool Id3;
-};
-
-constexpr TRecipe kRecipes[] = {
-    {"m1_cbr_stereo", 44100, 2, 128, 0, false},    {"m1_vbr_stereo_id3", 44100, 2, 0, 2, true},
-    {"m2_cbr_mono_id3", 22050, 1, 64, 0, true},    {"m2_vbr_stereo", 22050, 2, 0, 5, false},
-    {"m25_cbr_mono", 11025, 1, 32, 0, false},      {"m25_vbr_stereo_id3", 11025, 2, 0, 4, true},
-};
-
-// Half a second of tone, half a second of noise, three times: the noise makes a VBR
-// encoder change its bit rate.
-const char* kSource =
-    "-f lavfi -i \"aevalsrc=0.5*sin(2*PI*440*t)*lt(mod(t\\,1)\\,0.5)+0.3*random(0)*gte(mod(t\\,1)\\,0.5)"
-    ":s=44100:d=3\"";
-
-}  // namespace
-
 const std::string& WorkDir() {
   static kltest::TTempDir dir;
   return dir.Path();
-}
-
-const std::vector<std::string>& SampleNames() {
-  static const std::vector<std::string> names = [] {
-    std::vector<std::string> r;
-    for (const auto& x : kRecipes) r.push_back(x.Name);
-    return r;
-  }();
-  return names;
 }
 
 uint32_t Adler32(const void* Data, size_t Size) {
@@ -64,15 +28,12 @@ uint32_t Adler32(const void* Data, size_t Size) {
   return b << 16 | a;
 }
 
-std::vector<TPacket> FfmpegPackets(const std::string& Path, std::string* Log) {
-  const auto r = kltest::Ffmpeg("-i " + kltest::Quote(Path) + " -c:a copy -f framecrc -");
-  if (Log != nullptr) *Log = r.Err;
-  std::vector<TPacket> packets;
-  std::istringstream in(r.Out);
-  std::string line;
+std::vector<TPacket> FfmpegPackets(const std::string& Path) {
+  std::istringstream in(kltest::Ffmpeg("-i " + kltest::Quote(Path) + " -c:a copy -f framecrc -").Out);
   static const std::regex re(R"(^\s*0,\s*-?\d+,\s*-?\d+,\s*\d+,\s*(\d+),\s*0x([0-9a-fA-F]+))");
-  while (std::getline(in, line)) {
-    std::smatch m;
+  std::vector<TPacket> packets;
+  std::smatch m;
+  for (std::string line; std::getline(in, line);) {
     if (std::regex_search(line, m, re)) {
       packets.push_back({std::stoi(m[1].str()), static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16))});
     }
@@ -81,50 +42,33 @@ std::vector<TPacket> FfmpegPackets(const std::string& Path, std::string* Log) {
 }
 
 const TSample& Sample(const std::string& Name) {
-  static std::map<std::string, std::unique_ptr<TSample>> cache;
-  static std::mutex lock;
-  std::lock_guard<std::mutex> guard(lock);
-  auto& slot = cache[Name];
-  if (slot) return *slot;
-  const TRecipe* recipe = nullptr;
-  for (const auto& x : kRecipes) {
-    if (Name == x.Name) recipe = &x;
+  struct TRecipe {
+    const char* Name;
+    int32_t Rate, Channels, CbrKbits;
+    bool Id3;
+  };
+  static const TRecipe recipes[] = {
+      {"m1_cbr_stereo", 44100, 2, 128, false}, {"m2_cbr_mono_id3", 22050, 1, 64, true},
+      {"m25_vbr_stereo", 11025, 2, 0, false}};
+  static std::map<std::string, TSample> cache;
+  if (const auto it = cache.find(Name); it != cache.end()) return it->second;
+  for (const auto& x : recipes) {
+    if (Name != x.Name) continue;
+    TSample s{WorkDir() + Name + ".mp3", "", x.Rate, x.Channels, x.CbrKbits, x.Id3, {}};
+    // Half a second of tone, half a second of noise, three times: the noise makes the
+    // VBR encoder change its bit rate. Only VBR files keep the Xing frame.
+    const std::string args =
+        "-f lavfi -i \"aevalsrc=0.5*sin(2*PI*440*t)*lt(mod(t\\,1)\\,0.5)+0.3*random(0)*gte(mod(t\\,1)\\,0.5)"
+        ":s=44100:d=3\" -ar " + std::to_string(s.Rate) + " -ac " + std::to_string(s.Channels) +
+        " -c:a libmp3lame " + (s.CbrKbits ? "-b:a " + std::to_string(s.CbrKbits) + "k -write_xing 0" : "-q:a 4") +
+        (s.Id3 ? " -id3v2_version 3 -metadata title=Sample " : " -id3v2_version 0 ") + kltest::Quote(s.Path);
+    const auto r = kltest::Ffmpeg(args);
+    s.Bytes = kltest::ReadFileBytes(s.Path);
+    s.Packets = FfmpegPackets(s.Path);
+    if (r.ExitCode != 0 || s.Packets.empty()) throw std::runtime_error("ffmpeg failed: " + r.Err);
+    return cache.emplace(Name, std::move(s)).first->second;
   }
-  if (recipe == nullptr) throw std::runtime_error("no such sample: " + Name);
-
-  auto s = std::make_unique<TSample>();
-  s->Name = Name;
-  s->Path = WorkDir() + Name + ".mp3";
-  s->Rate = recipe->Rate;
-  s->Channels = recipe->Channels;
-  s->Vbr = recipe->CbrKbits == 0;
-  s->CbrKbits = recipe->CbrKbits;
-  s->Id3 = recipe->Id3;
-  // VBR files keep the encoder's Xing frame (ffmpeg needs it for their duration).
-  s->Xing = s->Vbr;
-  std::string args = std::string(kSource) + " -ar " + std::to_string(recipe->Rate) + " -ac " +
-                     std::to_string(recipe->Channels) + " -c:a libmp3lame ";
-  args += s->Vbr ? "-q:a " + std::to_string(recipe->VbrQuality) : "-b:a " + std::to_string(recipe->CbrKbits) + "k";
-  args += s->Id3 ? " -id3v2_version 3 -metadata title=Sample -metadata artist=klComponents" : " -id3v2_version 0";
-  args += s->Xing ? " -write_xing 1 " : " -write_xing 0 ";
-  const auto r = kltest::Ffmpeg(args + kltest::Quote(s->Path));
-  if (r.ExitCode != 0) throw std::runtime_error("ffmpeg failed: " + r.Err);
-  s->Bytes = kltest::ReadFileBytes(s->Path);
-
-  std::string log;
-  s->Packets = FfmpegPackets(s->Path, &log);
-  std::smatch m;
-  static const std::regex duration(R"(Duration: (\d+):(\d+):(\d+\.\d+))");
-  if (std::regex_search(log, m, duration)) {
-    s->Duration = std::stoi(m[1].str()) * 3600.0 + std::stoi(m[2].str()) * 60.0 + std::stod(m[3].str());
-  }
-  static const std::regex audio(R"(Audio: mp3, (\d+) Hz, (mono|stereo))");
-  if (!std::regex_search(log, m, audio) || std::stoi(m[1].str()) != recipe->Rate ||
-      (m[2].str() == "stereo" ? 2 : 1) != recipe->Channels || s->Packets.empty()) {
-    throw std::runtime_error("ffmpeg does not see the file as made: " + log);
-  }
-  slot = std::move(s);
-  return *slot;
+  throw std::runtime_error("no such sample: " + Name);
 }
 
 TGuardedBuffer::TGuardedBuffer(const void* Data, size_t Size, bool AtEnd) : FSize(Size) {
@@ -147,6 +91,7 @@ TGuardedBuffer::TGuardedBuffer(const void* Data, size_t Size, bool AtEnd) : FSiz
 TGuardedBuffer::~TGuardedBuffer() { VirtualFree(FBase, 0, MEM_RELEASE); }
 
 namespace {
+
 LONG WINAPI ReportFault(EXCEPTION_POINTERS* Info) {
   const EXCEPTION_RECORD* r = Info->ExceptionRecord;
   std::fprintf(stderr, "unhandled fault 0x%08lx at %p (address %p)\n", static_cast<unsigned long>(r->ExceptionCode),
@@ -157,12 +102,10 @@ LONG WINAPI ReportFault(EXCEPTION_POINTERS* Info) {
   TerminateProcess(GetCurrentProcess(), r->ExceptionCode);
   return EXCEPTION_EXECUTE_HANDLER;
 }
+
+// For the whole executable, child roles included.
+const LPTOP_LEVEL_EXCEPTION_FILTER kPreviousFilter = SetUnhandledExceptionFilter(&ReportFault);
+
 }  // namespace
-
-TFaultReporter::TFaultReporter() : FPrevious(reinterpret_cast<void*>(SetUnhandledExceptionFilter(&ReportFault))) {}
-
-TFaultReporter::~TFaultReporter() {
-  SetUnhandledExceptionFilter(reinterpret_cast<LPTOP_LEVEL_EXCEPTION_FILTER>(FPrevious));
-}
 
 }  // namespace mp3test

@@ -1,6 +1,8 @@
 // MP3 test material: files encoded by the real ffmpeg.exe (libmp3lame) together with
-// what ffmpeg itself reports about them, and buffers that end (or begin) right at an
-// inaccessible page so that any read outside them faults.
+// the frames ffmpeg's demuxer finds in them, and buffers that end (or begin) right at an
+// inaccessible page so that any read outside them faults. In this executable such a
+// fault is printed and ends the process at once with the fault's code, instead of
+// waiting for a debugger to attach.
 #pragma once
 
 #include <cstdint>
@@ -15,29 +17,23 @@ struct TPacket {
 };
 
 struct TSample {
-  std::string Name;
-  std::string Path;   // on disk, inside a temporary folder kept for the whole run
+  std::string Path;   // inside WorkDir()
   std::string Bytes;  // the whole file
-  int32_t Rate = 0;
-  int32_t Channels = 0;
-  bool Vbr = false;
+  int32_t Rate = 0, Channels = 0;
+  int32_t CbrKbits = 0;  // 0: variable bit rate, behind the encoder's Xing frame
   bool Id3 = false;
-  bool Xing = false;
-  int32_t CbrKbits = 0;   // 0 for VBR
-  double Duration = 0;    // seconds, as ffmpeg prints it
   std::vector<TPacket> Packets;  // the audio frames ffmpeg's demuxer delivers
 };
 
-// Encoded once per run; names: "m1_cbr_stereo", "m1_vbr_stereo_id3", "m2_cbr_mono_id3",
-// "m2_vbr_stereo", "m25_cbr_mono", "m25_vbr_stereo_id3".
+// One of each MPEG version, constant and variable rate, mono and stereo, with and
+// without a tag; encoded on first use.
+inline const char* const kSampleNames[] = {"m1_cbr_stereo", "m2_cbr_mono_id3", "m25_vbr_stereo"};
 const TSample& Sample(const std::string& Name);
-const std::vector<std::string>& SampleNames();
 // A folder that lives until the test executable exits.
 const std::string& WorkDir();
 
 // Packets of any MP3 file as ffmpeg's demuxer sees them.
-std::vector<TPacket> FfmpegPackets(const std::string& Path, std::string* Log = nullptr);
-
+std::vector<TPacket> FfmpegPackets(const std::string& Path);
 uint32_t Adler32(const void* Data, size_t Size);
 
 // Bytes copied into fresh pages so that the first byte after them (AtEnd) or the byte
@@ -57,19 +53,6 @@ class TGuardedBuffer {
   void* FBase = nullptr;
   uint8_t* FData = nullptr;
   size_t FSize = 0;
-};
-
-// While alive, a fault the process does not handle is printed and ends the process at
-// once with the fault's code, instead of waiting for a debugger to attach.
-class TFaultReporter {
- public:
-  TFaultReporter();
-  ~TFaultReporter();
-  TFaultReporter(const TFaultReporter&) = delete;
-  TFaultReporter& operator=(const TFaultReporter&) = delete;
-
- private:
-  void* FPrevious;
 };
 
 }  // namespace mp3test

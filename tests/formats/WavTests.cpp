@@ -32,12 +32,6 @@ std::vector<int16_t> AsSamples16(const std::string& S) {
   return v;
 }
 
-uint32_t U32(const std::string& S, size_t At) {
-  uint32_t v;
-  std::memcpy(&v, S.data() + At, 4);
-  return v;
-}
-
 // The message of the exception that opening raises, or "" when it opens.
 std::string OpenError(const std::string& FileName) {
   try {
@@ -81,7 +75,7 @@ TEST(WavFile, WrittenFilesReadBackExactly) {
   struct Case {
     uint16_t bits, channels;
     uint32_t rate;
-  } cases[] = {{8, 1, 11025}, {8, 2, 22050}, {16, 1, 44100}, {16, 2, 44100}, {16, 2, 48000}};
+  } cases[] = {{8, 1, 11025}, {16, 2, 44100}};
   for (const auto& c : cases) {
     SCOPED_TRACE(kl::Format("%u bits, %u channels", c.bits, c.channels));
     const std::string name = dir / kl::Format("rt_%u_%u.wav", c.bits, c.channels);
@@ -98,24 +92,26 @@ TEST(WavFile, WrittenFilesReadBackExactly) {
       w.AddData(data.data(), 0);
       w.Save();
     }
+    // The whole WAVEFORMATEX is written, cbSize included.
     const std::string bytes = kltest::ReadFileBytes(name);
-    EXPECT_EQ(U32(bytes, 4), bytes.size() - 8);
-    EXPECT_EQ(bytes.substr(12, 4), "fmt ");
-    EXPECT_EQ(U32(bytes, 16), 18u);  // the whole WAVEFORMATEX, cbSize included
+    uint32_t riffSize = 0;
+    std::memcpy(&riffSize, bytes.data() + 4, 4);
+    EXPECT_EQ(riffSize, bytes.size() - 8);
+    EXPECT_EQ(bytes.substr(12, 8), std::string("fmt \x12\0\0\0", 8));
 
     {  // closed again before ffmpeg.exe reads the file
       TWAVFile r(name);
       ASSERT_NE(r.Format(), nullptr);
-      EXPECT_EQ(r.Format()->wFormatTag, WAVE_FORMAT_PCM);
-      EXPECT_EQ(r.Format()->nChannels, c.channels);
-      EXPECT_EQ(r.Format()->nSamplesPerSec, c.rate);
-      EXPECT_EQ(r.Format()->nBlockAlign, c.channels * c.bits / 8);
-      EXPECT_EQ(r.Format()->nAvgBytesPerSec, c.rate * c.channels * c.bits / 8);
-      EXPECT_EQ(r.GetDataSize(), static_cast<int32_t>(data.size()));
+      const WAVEFORMATEX& w = *r.Format();
+      const uint32_t align = c.channels * c.bits / 8u;
+      EXPECT_EQ(std::vector<uint32_t>({w.wFormatTag, w.nChannels, w.nSamplesPerSec, w.nBlockAlign, w.nAvgBytesPerSec,
+                                       w.wBitsPerSample, static_cast<uint32_t>(r.GetDataSize())}),
+                std::vector<uint32_t>({WAVE_FORMAT_PCM, c.channels, c.rate, align, c.rate * align, c.bits,
+                                       static_cast<uint32_t>(data.size())}));
       EXPECT_EQ(r.GetDataOffset(), 46);
       EXPECT_EQ(DataOf(r), data);
     }
-    if (c.bits == 16 && c.channels == 2 && c.rate == 44100) {
+    if (c.bits == 16) {
       auto f = kltest::Ffmpeg("-i " + kltest::Quote(name) + " -f null -");
       EXPECT_NE(f.Err.find("Duration: 00:00:00.33"), std::string::npos) << f.Err;
       EXPECT_NE(f.Err.find("pcm_s16le, 44100 Hz, stereo"), std::string::npos) << f.Err;
@@ -160,9 +156,8 @@ TEST(WavFile, MissingOrUnwritableFilesDoNothing) {
   TWAVFile f(dir / "absent.wav");
   EXPECT_EQ(f.FileName(), "");
   EXPECT_EQ(f.Format(), nullptr);
-  EXPECT_EQ(f.GetData(0, 16, buf), 0);
-  EXPECT_EQ(f.GetDataSize(), 0);
-  EXPECT_EQ(f.GetDataOffset(), 0);
+  EXPECT_EQ(std::vector<int32_t>({f.GetData(0, 16, buf), f.GetDataSize(), f.GetDataOffset()}),
+            std::vector<int32_t>({0, 0, 0}));
   f.Save();
   EXPECT_FALSE(kl::FileExists(dir / "absent.wav"));
 
@@ -187,7 +182,6 @@ TEST(WavFile, DamagedHeadersRaiseTaggedMessages) {
       {"nodata.wav", Riff(fmt), "UWAV.@137-551@: TWAVFile: DATA not found"},
       {"nofmt.wav", Riff(Chunk("data", "abcd")), "UWAV.@137-551@: TWAVFile: FMT not found"},
       {"notriff.wav", "RIFX" + Riff(fmt).substr(4), "UWAV.@137-551@: TWAVFile: RIFF not found"},
-      {"text.txt", "just some text, long enough to be read", "UWAV.@137-551@: TWAVFile: RIFF not found"},
   };
   for (const auto& c : cases) {
     kltest::WriteFileBytes(dir / c.name, c.bytes);
@@ -228,15 +222,11 @@ TEST(WavSaveAs, DownmixAndDecimate) {
     src.push_back(static_cast<int16_t>(-i * 4));
   }
   kltest::WriteFileBytes(dir / "in.wav", kltest::MakeWav(2, 44100, 16, Samples16(src)));
-  TWAVFile in(dir / "in.wav");
-  ASSERT_TRUE(in.SaveAs(dir / "out.wav", 11025, 8, true));
+  ASSERT_TRUE(TWAVFile(dir / "in.wav").SaveAs(dir / "out.wav", 11025, 8, true));
+  std::string want;
+  for (int k = 0; k < 1000; ++k) want += static_cast<char>(((4 * k * 8 - 4 * k * 4) / 2 >> 8) + 128);
   TWAVFile out(dir / "out.wav");
-  const std::string bytes = DataOf(out);
-  ASSERT_EQ(bytes.size(), 1000u);
-  for (int k = 0; k < 1000; ++k) {
-    const int mean = (4 * k * 8 - 4 * k * 4) / 2;
-    ASSERT_EQ(static_cast<uint8_t>(bytes[static_cast<size_t>(k)]), (mean >> 8) + 128) << k;
-  }
+  EXPECT_EQ(DataOf(out), want);
 }
 
 TEST(WavSaveAs, RefusalsAndPlainCopies) {
@@ -263,22 +253,17 @@ TEST(WavConvert, ImaAdpcmThroughAcm) {
   TTempDir dir;
   const std::string adpcm = dir / "ima.wav";
   const std::string reference = dir / "ref.wav";
-  ASSERT_EQ(kltest::Ffmpeg("-f lavfi -i \"sine=frequency=440:duration=2:sample_rate=22050\" -ac 1 -acodec "
-                           "adpcm_ima_wav " +
-                           kltest::Quote(adpcm))
-                .ExitCode,
-            0u);
-  ASSERT_EQ(
-      kltest::Ffmpeg("-i " + kltest::Quote(adpcm) + " -acodec pcm_s16le " + kltest::Quote(reference)).ExitCode,
-      0u);
+  const auto ffmpeg = [](const std::string& Args) { return kltest::Ffmpeg(Args).ExitCode; };
+  ASSERT_EQ(ffmpeg("-f lavfi -i sine=frequency=440:duration=2:sample_rate=22050 -ac 1 -acodec adpcm_ima_wav " +
+                   kltest::Quote(adpcm)), 0u);
+  ASSERT_EQ(ffmpeg("-i " + kltest::Quote(adpcm) + " -acodec pcm_s16le " + kltest::Quote(reference)), 0u);
   TWAVFile in(adpcm);
   ASSERT_EQ(in.Format()->wFormatTag, WAVE_FORMAT_IMA_ADPCM);
   ASSERT_TRUE(in.ConvertToPCM(dir / "pcm.wav"));
   TWAVFile pcm(dir / "pcm.wav"), ref(reference);
-  EXPECT_EQ(pcm.Format()->wFormatTag, WAVE_FORMAT_PCM);
-  EXPECT_EQ(pcm.Format()->nSamplesPerSec, 22050u);
+  EXPECT_EQ(std::vector<uint32_t>({pcm.Format()->wFormatTag, pcm.Format()->nSamplesPerSec}),
+            std::vector<uint32_t>({WAVE_FORMAT_PCM, 22050}));
   const auto x = AsSamples16(DataOf(pcm)), y = AsSamples16(DataOf(ref));
-  std::printf("acm %zu samples, ffmpeg %zu samples\n", x.size(), y.size());
   const size_t n = std::min(x.size(), y.size());
   ASSERT_GT(n, 20000u);
   double err = 0;
