@@ -1,6 +1,5 @@
-// File writers: WAV and raw MP3 files read back by ffmpeg.exe, the 18-byte "fmt "
-// chunk, writers that got nothing, rewriting after Finish, and an MP3 writer feeding a
-// named pipe that a server created.
+// File writers: WAV files read back by ffmpeg.exe, the 18-byte "fmt " chunk, writers
+// that got nothing, rewriting after Finish, and the MP3 writer into a file or a pipe.
 #include <atomic>
 #include <thread>
 
@@ -18,10 +17,6 @@ uint32_t U32(const std::string& S, size_t At) {
   return v;
 }
 
-std::string Bytes16(const std::vector<int16_t>& V) {
-  return std::string(reinterpret_cast<const char*>(V.data()), V.size() * 2);
-}
-
 // A WAV file as the writers make it: RIFF size, an 18-byte "fmt " chunk, then the data.
 void ExpectWavLayout(const std::string& File, const std::string& Data) {
   ASSERT_GE(File.size(), 46u);
@@ -36,7 +31,7 @@ void ExpectWavLayout(const std::string& File, const std::string& Data) {
 
 // ffmpeg.exe reads the file and reports all of Expected.
 void ExpectProbe(const std::string& File, std::initializer_list<const char*> Expected) {
-  const std::string probe = FfmpegProbe(File);
+  const std::string probe = kltest::Ffmpeg("-i " + kltest::Quote(File) + " -f null -").Err;
   for (const char* e : Expected) EXPECT_NE(probe.find(e), std::string::npos) << e << "\n" << probe;
 }
 
@@ -44,27 +39,27 @@ void ExpectProbe(const std::string& File, std::initializer_list<const char*> Exp
 
 TEST(AudioFile, CreateByExtension) {
   auto mp3 = CreateAudioFile("C:\\x\\Song.MP3");
-  ASSERT_TRUE(mp3);
-  EXPECT_NE(dynamic_cast<TMp3AudioFile*>(mp3.Get()), nullptr);
+  ASSERT_NE(dynamic_cast<TMp3AudioFile*>(mp3.Get()), nullptr);
   EXPECT_EQ(mp3->GetFileName(), "C:\\x\\Song.MP3");
   EXPECT_EQ(mp3->GetName().rfind("TMp3AudioFile_", 0), 0u);
-  auto wav = CreateAudioFile("out.Wav");
-  ASSERT_TRUE(wav);
-  EXPECT_NE(dynamic_cast<TWavAudioFile*>(wav.Get()), nullptr);
+  EXPECT_NE(dynamic_cast<TWavAudioFile*>(CreateAudioFile("out.Wav").Get()), nullptr);
   EXPECT_FALSE(CreateAudioFile("music.ogg"));
-  EXPECT_FALSE(CreateAudioFile("noext"));
   EXPECT_FALSE(CreateAudioFile(""));
 }
 
+// The "fmt " chunk keeps only the common 18 bytes of a format with extra bytes.
 TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   TTempDir dir;
   const std::string name = dir / "tone.wav";
   auto w = CreateAudioFile(name);
   ASSERT_TRUE(w);
   EXPECT_FALSE(w->SetFormat(nullptr));
-  ASSERT_TRUE(w->SetFormat(W(Pcm(44100, 2))));
-  const auto tone = kltest::tempo::Tone16(440, 44100, 44100 * 2, 2);
-  const std::string data = Bytes16(tone);
+  auto fmt = Pcm(44100, 2);
+  reinterpret_cast<WAVEFORMATEX*>(fmt.data())->cbSize = 2;
+  fmt.insert(fmt.end(), {0x55, 0x66});
+  ASSERT_TRUE(w->SetFormat(W(fmt)));
+  EXPECT_EQ(GetWaveFormatSize(w->GetFormat()), 20u);
+  const std::string data = Bytes16(kltest::tempo::Tone16(440, 44100, 44100 * 2, 2));
   ASSERT_TRUE(WriteInPieces(w.Get(), data, 10000));
   EXPECT_TRUE(w->Write(data.data(), 0));
   EXPECT_FALSE(w->Write(nullptr, 10));
@@ -73,28 +68,10 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   ASSERT_TRUE(w->Finish());
   EXPECT_TRUE(w->GetFinished());
 
-  ExpectWavLayout(kltest::ReadFileBytes(name), data);
-  ExpectProbe(name, {"pcm_s16le", "44100 Hz, stereo", "Duration: 00:00:02.00"});
-}
-
-TEST(AudioFile, WavFmtChunkIsAlways18Bytes) {
-  TTempDir dir;
-  const std::string name = dir / "extra.wav";
-  ComPtr<TWavAudioFile> w(new TWavAudioFile());
-  w->SetFileName(name);
-  auto fmt = Pcm(22050, 1);
-  reinterpret_cast<WAVEFORMATEX*>(fmt.data())->cbSize = 2;
-  fmt.push_back(0x55);
-  fmt.push_back(0x66);
-  ASSERT_TRUE(w->SetFormat(W(fmt)));
-  EXPECT_EQ(GetWaveFormatSize(w->GetFormat()), 20u);
-  const std::string data(4410, '\x01');
-  ASSERT_TRUE(w->Write(data.data(), static_cast<int32_t>(data.size())));
-  ASSERT_TRUE(w->Finish());
   const std::string file = kltest::ReadFileBytes(name);
   ExpectWavLayout(file, data);
   EXPECT_EQ(file.substr(20, 16), std::string(reinterpret_cast<const char*>(fmt.data()), 16));
-  ExpectProbe(name, {"22050 Hz, mono", "Duration: 00:00:00.10"});
+  ExpectProbe(name, {"pcm_s16le", "44100 Hz, stereo", "Duration: 00:00:02.00"});
 }
 
 TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
@@ -139,23 +116,19 @@ TEST(AudioFile, WriteAfterFinishStartsTheFileAgain) {
   ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), "3333");
 }
 
-TEST(AudioFile, Mp3WriterStoresFramesFfmpegReads) {
+// The MP3 writer stores what it gets as it is: into a file it replaces, or into a named
+// pipe that a server created.
+TEST(AudioFile, Mp3WriterStoresBytesInAFileOrANamedPipe) {
   TTempDir dir;
-  const std::string frames = MakeMp3Frames(dir, "src.mp3", 44100, 2, 128);
-  ASSERT_FALSE(frames.empty());
+  std::string data(40000, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 / 3);
   const std::string name = dir / "copy.mp3";
-  kltest::WriteFileBytes(name, std::string(100000, 'x'));  // replaced, not appended to
+  kltest::WriteFileBytes(name, std::string(100000, 'x'));
   auto w = CreateAudioFile(name);
-  ASSERT_TRUE(WriteInPieces(w.Get(), frames, 4177));
+  ASSERT_TRUE(WriteInPieces(w.Get(), data, 4177));
   ASSERT_TRUE(w->Finish());
-  EXPECT_EQ(kltest::ReadFileBytes(name), frames);
-  ExpectProbe(name, {"Audio: mp3", "44100 Hz, stereo", "time=00:00:02.0"});
-}
+  EXPECT_EQ(kltest::ReadFileBytes(name), data);
 
-TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
-  TTempDir dir;
-  const std::string frames = MakeMp3Frames(dir, "pipe.mp3", 22050, 1, 64);
-  ASSERT_FALSE(frames.empty());
   // Mixed case: the prefix is recognised without regard to case.
   const std::string pipeName = kl::Format("\\\\.\\PIPE\\klConvTest_%lu", GetCurrentProcessId());
   HANDLE server = CreateNamedPipeA(pipeName.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE | PIPE_WAIT, 1, 65536,
@@ -173,7 +146,7 @@ TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
   // The pipe's name has no extension: the writer is picked by hand.
   ComPtr<TMp3AudioFile> m(new TMp3AudioFile());
   m->SetFileName(pipeName);
-  EXPECT_TRUE(WriteInPieces(m.Get(), frames, 3000));
+  EXPECT_TRUE(WriteInPieces(m.Get(), data, 3000));
   EXPECT_TRUE(m->Finish());
   for (int i = 0; i < 1000 && !done; ++i) Sleep(10);
   if (!done) {
@@ -184,7 +157,7 @@ TEST(AudioFile, Mp3WriterFeedsANamedPipe) {
   reader.join();
   CloseHandle(server);
   EXPECT_TRUE(done);
-  EXPECT_EQ(received, frames);
+  EXPECT_EQ(received, data);
   EXPECT_FALSE(kl::FileExists(pipeName));
 }
 
@@ -199,7 +172,5 @@ TEST(AudioFile, ChainIntoWavWriter) {
   ASSERT_TRUE(c->Finish());
   EXPECT_TRUE(w->GetFinished());
   ExpectProbe(name, {"pcm_s16le", "48000 Hz, stereo", "Duration: 00:00:01.00"});
-  const auto pcm = AsSamples16(kltest::ReadFileBytes(name).substr(46));
-  ASSERT_EQ(pcm.size(), tone.size());
-  for (size_t i = 0; i < pcm.size(); i += 97) EXPECT_EQ(pcm[i], kl::Round(tone[i] * 32767.0)) << i;
+  EXPECT_EQ(kltest::ReadFileBytes(name).size(), 46 + tone.size() * 2);
 }

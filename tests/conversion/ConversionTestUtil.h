@@ -1,10 +1,9 @@
 // Helpers for the conversion tests: a sink that records what reaches it, recorded
-// message boxes, wave formats, MP3 test data made by ffmpeg.exe and signal measures.
+// message boxes, wave formats and MP3 test data made by ffmpeg.exe.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -48,22 +47,20 @@ class TMemorySink : public kl::TInterfacedObject<IWritable> {
 
 inline kl::ComPtr<TMemorySink> MakeSink() { return kl::ComPtr<TMemorySink>(new TMemorySink()); }
 
-// Replaces the message-box function for the life of the object.
+// Records the message boxes (text, caption) shown during the life of the object.
 class TBoxRecorder {
  public:
-  struct TBox {
-    std::string Text, Caption;
-  };
+  using TBoxes = std::vector<std::pair<std::string, std::string>>;
   TBoxRecorder() {
     FOld = kl::SetMessageBoxFunction([this](HWND, const std::string& Text, const std::string& Caption, UINT) {
-      Boxes.push_back({Text, Caption});
+      Boxes.emplace_back(Text, Caption);
       return IDOK;
     });
   }
   ~TBoxRecorder() { kl::SetMessageBoxFunction(FOld); }
   TBoxRecorder(const TBoxRecorder&) = delete;
   TBoxRecorder& operator=(const TBoxRecorder&) = delete;
-  std::vector<TBox> Boxes;
+  TBoxes Boxes;
 
  private:
   kl::TMessageBoxFunction FOld;
@@ -76,14 +73,8 @@ inline std::vector<uint8_t> Pcm(uint32_t Rate, uint16_t Channels, uint16_t Bits 
 }
 
 inline std::vector<uint8_t> Float32(uint32_t Rate, uint16_t Channels) {
-  std::vector<uint8_t> b(18, 0);
-  auto* f = reinterpret_cast<WAVEFORMATEX*>(b.data());
-  f->wFormatTag = WAVE_FORMAT_IEEE_FLOAT;
-  f->nChannels = Channels;
-  f->nSamplesPerSec = Rate;
-  f->wBitsPerSample = 32;
-  f->nBlockAlign = static_cast<uint16_t>(Channels * 4);
-  f->nAvgBytesPerSec = f->nBlockAlign * Rate;
+  auto b = Pcm(Rate, Channels, 32);
+  reinterpret_cast<WAVEFORMATEX*>(b.data())->wFormatTag = WAVE_FORMAT_IEEE_FLOAT;
   return b;
 }
 
@@ -115,6 +106,10 @@ inline bool WriteInPieces(IWritable* Target, const std::string& Data, size_t Pie
   return ok;
 }
 
+inline std::string Bytes16(const std::vector<int16_t>& V) {
+  return std::string(reinterpret_cast<const char*>(V.data()), V.size() * 2);
+}
+
 inline std::vector<int16_t> AsSamples16(const std::string& S) {
   std::vector<int16_t> v(S.size() / 2);
   if (!v.empty()) std::memcpy(v.data(), S.data(), v.size() * 2);
@@ -141,33 +136,6 @@ inline std::string FfmpegDecode(const TTempDir& Dir, const std::string& File, in
   const auto r = Ffmpeg("-i " + Quote(File) + kl::Format(" -f s16le -ac %d -ar %d ", Channels, Rate) + Quote(out));
   if (r.ExitCode != 0) return std::string();
   return ReadFileBytes(out);
-}
-
-// Pearson correlation of A[i + Lag] and B[i] over their overlap (one channel each).
-inline double Correlation(const std::vector<double>& A, const std::vector<double>& B, size_t Lag) {
-  if (Lag >= A.size()) return 0;
-  const size_t n = std::min(A.size() - Lag, B.size());
-  if (n < 2) return 0;
-  double ma = 0, mb = 0;
-  for (size_t i = 0; i < n; ++i) {
-    ma += A[i + Lag];
-    mb += B[i];
-  }
-  ma /= n;
-  mb /= n;
-  double sab = 0, saa = 0, sbb = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const double a = A[i + Lag] - ma, b = B[i] - mb;
-    sab += a * b;
-    saa += a * a;
-    sbb += b * b;
-  }
-  return saa > 0 && sbb > 0 ? sab / std::sqrt(saa * sbb) : 0;
-}
-
-// Text of ffmpeg.exe reading a file (its stream line and "time=").
-inline std::string FfmpegProbe(const std::string& File) {
-  return Ffmpeg("-i " + Quote(File) + " -f null -").Err;
 }
 
 }  // namespace kltest::conv

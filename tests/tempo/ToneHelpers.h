@@ -3,35 +3,34 @@
 
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 namespace kltest::tempo {
 
 constexpr double PI = 3.14159265358979323846;
 
-// Frames of a sine tone, Channels values per frame (all channels alike).
-inline std::vector<float> ToneFloat(double Freq, int Rate, int Frames, int Channels, double Amplitude = 0.5) {
-  std::vector<float> v(static_cast<size_t>(Frames) * Channels);
-  for (int i = 0; i < Frames; ++i) {
-    const float s = static_cast<float>(Amplitude * std::sin(2 * PI * Freq * i / Rate));
-    for (int c = 0; c < Channels; ++c) v[static_cast<size_t>(i) * Channels + c] = s;
+// Frames of a sine tone, Channels values per frame (all channels alike); integer
+// samples are rounded.
+template <class T>
+std::vector<T> Tone(double Freq, int Rate, int Frames, int Channels, double Amplitude) {
+  std::vector<T> v(static_cast<size_t>(Frames) * Channels);
+  for (size_t i = 0; i < v.size(); ++i) {
+    const double s = Amplitude * std::sin(2 * PI * Freq * static_cast<double>(i / Channels) / Rate);
+    v[i] = static_cast<T>(std::is_integral_v<T> ? std::round(s) : s);
   }
   return v;
 }
-
-inline std::vector<int16_t> Tone16(double Freq, int Rate, int Frames, int Channels, double Amplitude = 16000) {
-  std::vector<int16_t> v(static_cast<size_t>(Frames) * Channels);
-  for (int i = 0; i < Frames; ++i) {
-    const auto s = static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * PI * Freq * i / Rate)));
-    for (int c = 0; c < Channels; ++c) v[static_cast<size_t>(i) * Channels + c] = s;
-  }
-  return v;
+inline std::vector<float> ToneFloat(double Freq, int Rate, int Frames, int Channels) {
+  return Tone<float>(Freq, Rate, Frames, Channels, 0.5);
+}
+inline std::vector<int16_t> Tone16(double Freq, int Rate, int Frames, int Channels) {
+  return Tone<int16_t>(Freq, Rate, Frames, Channels, 16000);
 }
 
 // Power of one frequency in the signal (Goertzel).
 inline double PowerAt(const std::vector<double>& X, int Rate, double Freq) {
-  const double w = 2 * PI * Freq / Rate;
-  const double k = 2 * std::cos(w);
+  const double k = 2 * std::cos(2 * PI * Freq / Rate);
   double s1 = 0, s2 = 0;
   for (double x : X) {
     const double s0 = x + k * s1 - s2;
