@@ -160,17 +160,3 @@ TEST(AudioFile, Mp3WriterStoresBytesInAFileOrANamedPipe) {
   EXPECT_EQ(received, data);
   EXPECT_FALSE(kl::FileExists(pipeName));
 }
-
-TEST(AudioFile, ChainIntoWavWriter) {
-  TTempDir dir;
-  const std::string name = dir / "float.wav";
-  auto w = CreateAudioFile(name);
-  w->SetFormat(W(Pcm(48000, 2)));
-  auto c = MakeConverter(Float32(48000, 2), Pcm(48000, 2), w.Get());
-  const auto tone = kltest::tempo::ToneFloat(1000, 48000, 48000, 2);
-  ASSERT_TRUE(c->Write(tone.data(), static_cast<int32_t>(tone.size() * 4)));
-  ASSERT_TRUE(c->Finish());
-  EXPECT_TRUE(w->GetFinished());
-  ExpectProbe(name, {"pcm_s16le", "48000 Hz, stereo", "Duration: 00:00:01.00"});
-  EXPECT_EQ(kltest::ReadFileBytes(name).size(), 46 + tone.size() * 2);
-}
