@@ -61,17 +61,6 @@ bool ParseHeader(const uint8_t* P, TMP3Info& Info) {
   return true;
 }
 
-// Reads until Count bytes are in or the stream gives no more.
-int32_t ReadFully(TStream& Stream, void* Buffer, int32_t Count) {
-  int32_t done = 0;
-  while (done < Count) {
-    const int32_t n = Stream.Read(static_cast<uint8_t*>(Buffer) + done, Count - done);
-    if (n <= 0) break;
-    done += n;
-  }
-  return done;
-}
-
 std::string LowerAscii(std::string S) {
   for (char& c : S) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
@@ -113,7 +102,7 @@ bool GetMP3Info(TStream* Stream, TMP3Info& Info) {
   if (Stream == nullptr) return false;
   const int64_t start = Stream->GetPosition();
   uint8_t buf[kSearchSize];
-  const int32_t n = ReadFully(*Stream, buf, kSearchSize);
+  const int32_t n = Stream->ReadFully(buf, kSearchSize);
   const bool ok = GetMP3Info(buf, n, Info);
   Stream->Seek(start + (ok ? Info.Offset : 0), TSeekOrigin::soBeginning);
   return ok;
@@ -171,7 +160,7 @@ int32_t GetMP3Frames(TStream* Stream, int32_t Count, int32_t MaxSize, void*& Fra
   int64_t total = 0;
   for (int32_t left = Count; left > 0; --left) {
     uint8_t header[4];
-    if (ReadFully(*Stream, header, 4) != 4) break;
+    if (Stream->ReadFully(header, 4) != 4) break;
     const int32_t size = GetMP3FrameSize(header);
     if (size <= 0) break;
     // A frame cut short by the end of the stream is not a whole frame.
@@ -186,7 +175,7 @@ int32_t GetMP3Frames(TStream* Stream, int32_t Count, int32_t MaxSize, void*& Fra
   if (total <= 0) return 0;
   TBlock block(std::malloc(static_cast<size_t>(total)));
   if (!block) return 0;
-  const int32_t got = ReadFully(*Stream, block.get(), static_cast<int32_t>(total));
+  const int32_t got = Stream->ReadFully(block.get(), static_cast<int32_t>(total));
   if (got <= 0) return 0;
   Frames = block.release();
   return got;
@@ -206,7 +195,7 @@ int32_t GetMP3FrameCount(TStream* Stream, int32_t Size, bool Fast) {
   if (Stream == nullptr || Size < 5) return 0;
   const int64_t start = Stream->GetPosition();
   uint8_t header[4];
-  const int32_t n = ReadFully(*Stream, header, 4);
+  const int32_t n = Stream->ReadFully(header, 4);
   Stream->Seek(start, TSeekOrigin::soBeginning);
   TMP3Info info{};
   if (!GetMP3Info(header, n, info)) return 0;
@@ -223,7 +212,7 @@ bool CopyMP3Frames(TStream* Source, TStream* Dest, int32_t StartFrame, int32_t C
   Source->Seek(0, TSeekOrigin::soBeginning);
   for (int32_t i = 0; i < StartFrame; ++i) {
     uint8_t header[4];
-    if (ReadFully(*Source, header, 4) != 4) return false;
+    if (Source->ReadFully(header, 4) != 4) return false;
     const int32_t frame = GetMP3FrameSize(header);
     if (frame <= 0 || pos + frame >= size) return false;
     pos += frame;
@@ -282,7 +271,7 @@ bool GetMp3FileInfo(const std::string& FileName, TMP3WAVEFORMAT& Format) {
   int32_t n = 0;
   {
     TFileStream file(FileName, fmOpenRead | fmShareDenyNone);
-    n = ReadFully(file, buf, kSearchSize);
+    n = file.ReadFully(buf, kSearchSize);
   }
   int32_t pos = -1;
   if (n >= 4 && IsSync(buf)) {

@@ -105,23 +105,6 @@ constexpr int32_t kDecodeBlock = 4096;
 
 uint16_t Word16(const uint8_t* P) { return static_cast<uint16_t>(P[0] | P[1] << 8); }
 
-// Reads up to Count bytes, going on after short reads; a failing stream ends the data.
-int32_t ReadSome(TStream& Stream, uint8_t* Buffer, int64_t Count) {
-  if (Count <= 0) return 0;
-  int32_t total = 0;
-  while (total < Count) {
-    int32_t n = 0;
-    try {
-      n = Stream.Read(Buffer + total, static_cast<int32_t>(Count - total));
-    } catch (const std::exception&) {
-      n = 0;
-    }
-    if (n <= 0) break;
-    total += n;
-  }
-  return total;
-}
-
 }  // namespace
 
 TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int64_t Len)
@@ -179,7 +162,8 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
   uint16_t lastHeader = 0;
   bool done = false;
   while (!done && capacity > static_cast<int64_t>(FFrames.size())) {
-    const int32_t read = ReadSome(*FStream, buf + keep, std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - keep));
+    const int64_t want = std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - keep);
+    const int32_t read = want > 0 ? FStream->ReadFully(buf + keep, static_cast<int32_t>(want)) : 0;
     if (read <= 0) break;
     const int32_t total = keep + read;
     while (capacity > static_cast<int64_t>(FFrames.size())) {
@@ -251,7 +235,7 @@ int32_t TMp3StreamSoundStream::GetWavData(void* Buffer, int32_t Size) {
   uint8_t block[kDecodeBlock];
   while (Size > FBuffer->GetSizeToRead()) {
     if (remaining <= 0) break;
-    const int32_t read = ReadSome(*FStream, block, std::min<int64_t>(remaining, kDecodeBlock));
+    const int32_t read = FStream->ReadFully(block, static_cast<int32_t>(std::min<int64_t>(remaining, kDecodeBlock)));
     // A source shorter than its declared length ends here.
     if (read <= 0) break;
     if (!FConverter->Write(block, read)) break;

@@ -7,6 +7,7 @@
 
 #include <mutex>
 
+#include "conversion/UAudioConverter.h"
 #include "diagnostics/klLog.h"
 #include "rtl/Dialogs.h"
 #include "rtl/SysUtils.h"
@@ -185,30 +186,14 @@ class TWindowClass {
 
 const TWindowClass WindowClass;
 
-// Texts of the waveOut result codes for the message box.
+// Texts of the waveOut result codes for the message box: the multimedia codes the
+// device returns share their texts with the compression manager's, except that success
+// reads "OK" and a missing driver has no text of its own here.
 std::string WaveOutErrorText(MMRESULT Code) {
-  switch (Code) {
-    case 0:
-      return "OK";
-    case 5:
-      return "The specified handle is invalid";
-    case 7:
-      return "The system is unable to allocate resources";
-    case 10:
-      return "At least one flag is invalid";
-    case 11:
-      return "At least one parameter is invalid";
-    case 512:
-      return "The requested operation cannot be performed";
-    case 513:
-      return "The stream header specified in pash is currently in use and cannot be reused";
-    case 514:
-      return "The stream header specified in pash is currently not prepared";
-    default:
-      return "Unknown error";
-  }
+  if (Code == MMSYSERR_NOERROR) return "OK";
+  if (Code == MMSYSERR_NODRIVER) return "Unknown error";
+  return UAudioConverter::AcmErrorText(Code);
 }
-
 
 }  // namespace
 

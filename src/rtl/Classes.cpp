@@ -18,6 +18,16 @@ int64_t TStream::GetSize() {
 
 void TStream::SetSize(int64_t) {}
 
+int32_t TStream::ReadFully(void* Buffer, int32_t Count) {
+  int32_t done = 0;
+  while (done < Count) {
+    const int32_t n = Read(static_cast<uint8_t*>(Buffer) + done, Count - done);
+    if (n <= 0) break;
+    done += n;
+  }
+  return done;
+}
+
 void TStream::ReadBuffer(void* Buffer, int32_t Count) {
   if (Count > 0 && Read(Buffer, Count) != Count) throw EReadError("Stream read error");
 }

@@ -40,6 +40,9 @@ class TStream {
   int64_t GetPosition() { return Seek(0, TSeekOrigin::soCurrent); }
   void SetPosition(int64_t Pos) { Seek(Pos, TSeekOrigin::soBeginning); }
 
+  // Reads until Count bytes are in or the stream gives no more (a pipe or a socket may
+  // hand out less per call than it has).
+  int32_t ReadFully(void* Buffer, int32_t Count);
   // Whole-or-raise forms.
   void ReadBuffer(void* Buffer, int32_t Count);
   void WriteBuffer(const void* Buffer, int32_t Count);
