@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -120,13 +119,11 @@ TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int
   FPosition = 0;
   UMp3::GetMP3Info(FStream, FMp3Info);
 
-  WAVEFORMATEX* mp3Format = nullptr;
-  struct TFreeFormat {
-    WAVEFORMATEX*& Format;
-    ~TFreeFormat() { std::free(Format); }
-  } freeFormat{mp3Format};
-  UAudioConverter::CreateMp3WaveFormat(static_cast<uint32_t>(FMp3Info.SampleRate),
-                                       static_cast<uint16_t>(FMp3Info.Channels), FMp3Info.BitRate, mp3Format);
+  // The decoder keeps its own copy of the input format: a record on the stack will do.
+  UMp3::TMP3WAVEFORMAT mp3Record{};
+  auto* mp3Format = reinterpret_cast<WAVEFORMATEX*>(&mp3Record);
+  UAudioConverter::InitMp3WaveFormat(static_cast<uint32_t>(FMp3Info.SampleRate),
+                                     static_cast<uint16_t>(FMp3Info.Channels), FMp3Info.BitRate, mp3Format);
   UAudioConverter::InitPcmWaveFormat(static_cast<uint32_t>(FMp3Info.SampleRate),
                                      static_cast<uint16_t>(FMp3Info.Channels), 16, &FWaveFormat);
   if (FConverter) {
@@ -135,6 +132,7 @@ TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int
     FConverter->SetOutStream(static_cast<UAudioConverter::IWritable*>(buffer));
   }
   BuildFrameIndex();
+  // Ready at the first frame.
   FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
 }
 
@@ -203,7 +201,6 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
       }
     }
   }
-  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
 }
 
 int32_t TMp3StreamSoundStream::FramesToMilliseconds(int32_t Frames) const {
