@@ -26,3 +26,5 @@
 
 #include "playback/klMediaPlayer.h"
 #include "playback/USoundStreams.h"
+
+#include "ffmpeg/UFfmpeg.h"
