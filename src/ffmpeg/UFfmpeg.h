@@ -11,12 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "channels/klChildProcess.h"
 #include "rtl/ComBase.h"
 
 namespace kl::UFfmpeg {
 
 struct IVideoFileInfo;
 struct IVideoFileInfo2;
+struct IVideoFramesDecoder;
+struct IVideoFramesDecoder2;
+struct IVideoFramesEncoder;
 
 }  // namespace kl::UFfmpeg
 
@@ -24,6 +28,12 @@ KL_DECLARE_IID(kl::UFfmpeg::IVideoFileInfo, "B84FC7AF-B4AE-4869-AD20-52D7C1C812F
                0x20, 0x52, 0xD7, 0xC1, 0xC8, 0x12, 0xFF)
 KL_DECLARE_IID(kl::UFfmpeg::IVideoFileInfo2, "4E97279D-E951-4452-8ECB-538979736168", 0x4E97279D, 0xE951, 0x4452,
                0x8E, 0xCB, 0x53, 0x89, 0x79, 0x73, 0x61, 0x68)
+KL_DECLARE_IID(kl::UFfmpeg::IVideoFramesDecoder, "13FBA178-06D3-4DB7-B681-7434936DBA7B", 0x13FBA178, 0x06D3, 0x4DB7,
+               0xB6, 0x81, 0x74, 0x34, 0x93, 0x6D, 0xBA, 0x7B)
+KL_DECLARE_IID(kl::UFfmpeg::IVideoFramesDecoder2, "5C49B03E-8C3A-4969-95FF-F5C54F8DD24A", 0x5C49B03E, 0x8C3A, 0x4969,
+               0x95, 0xFF, 0xF5, 0xC5, 0x4F, 0x8D, 0xD2, 0x4A)
+KL_DECLARE_IID(kl::UFfmpeg::IVideoFramesEncoder, "B58CA077-FDFF-4455-88B1-CA7BC86FD6B4", 0xB58CA077, 0xFDFF, 0x4455,
+               0x88, 0xB1, 0xCA, 0x7B, 0xC8, 0x6F, 0xD6, 0xB4)
 
 namespace kl::UFfmpeg {
 
@@ -177,5 +187,133 @@ class TVideoFileInfo : public TInterfacedObject<IVideoFileInfo2> {
   std::vector<TAudioInfo> Audio;
   bool VideoPresent = false;
 };
+
+// --- frames out of a file ----------------------------------------------------------
+
+// Optional decoding parameters; zeros mean "as the file has it".
+struct TFramesDecoderParams {
+  int32_t Width = 0;   // target width; 0 = derived from Height (or the file's)
+  int32_t Height = 0;  // target height; 0 = derived from Width (or the file's)
+  int32_t FromSec = 0;  // start, whole seconds
+  int32_t ToSec = 0;    // end, whole seconds of the input (not a duration)
+  double FPS = 0;       // output rate; 0 or less = the file's own
+};
+
+struct IVideoFramesDecoder : public IUnknown {
+  virtual ComPtr<IVideoFileInfo2> STDMETHODCALLTYPE GetFileInfo() = 0;
+  // The next frame in the decoder's own bitmap (a 24-bit top-down DIB section, the same
+  // one every time: use or copy it before the next call). False once the stream has
+  // ended or failed, and from then on.
+  virtual bool STDMETHODCALLTYPE GetNextFrame(HBITMAP& Bitmap, void*& Bits) = 0;
+
+ protected:
+  ~IVideoFramesDecoder() = default;
+};
+
+struct IVideoFramesDecoder2 : public IVideoFramesDecoder {
+  using TParent = IVideoFramesDecoder;
+  virtual int32_t STDMETHODCALLTYPE GetTargetWidth() = 0;
+  virtual int32_t STDMETHODCALLTYPE GetTargetHeight() = 0;
+
+ protected:
+  ~IVideoFramesDecoder2() = default;
+};
+
+// A video file as a sequence of raw 24-bit frames: ffmpeg decodes (and scales, cuts,
+// resamples) into its standard output, one frame is read per call.
+class TVideoFramesDecoder : public TInterfacedObject<IVideoFramesDecoder2> {
+ public:
+  // No decoder (and a log line) for a missing file, a file without a picture size,
+  // negative times, or when ffmpeg cannot be started. FileInfo, when given, is taken
+  // instead of reading the file's information again; Params may be null.
+  static ComPtr<IVideoFramesDecoder2> Create(const std::string& FileName, IVideoFileInfo2* FileInfo = nullptr,
+                                             const TFramesDecoderParams* Params = nullptr);
+  ~TVideoFramesDecoder() override;
+
+  ComPtr<IVideoFileInfo2> STDMETHODCALLTYPE GetFileInfo() override { return FFileInfo; }
+  bool STDMETHODCALLTYPE GetNextFrame(HBITMAP& Bitmap, void*& Bits) override;
+  int32_t STDMETHODCALLTYPE GetTargetWidth() override { return TargetWidth; }
+  int32_t STDMETHODCALLTYPE GetTargetHeight() override { return TargetHeight; }
+
+ private:
+  TVideoFramesDecoder() = default;
+
+  int32_t TargetWidth = 0;
+  int32_t TargetHeight = 0;
+  ComPtr<klChildProcess::IChildProcess3> FChild;
+  ComPtr<IVideoFileInfo2> FFileInfo;
+  HBITMAP FBitmap = nullptr;
+  void* FBits = nullptr;
+  std::vector<uint8_t> FScratch;  // one packed frame, for widths whose rows need padding
+};
+
+// --- frames into a file -------------------------------------------------------------
+
+struct IVideoFramesEncoder : public IUnknown {
+  virtual bool STDMETHODCALLTYPE SetSize(int32_t Width, int32_t Height) = 0;
+  virtual bool STDMETHODCALLTYPE SetFPS(float Value) = 0;
+  // Digits and K, M or k ("2500k", "2M"); empty removes the option.
+  virtual bool STDMETHODCALLTYPE SetBitrate(const std::string& Value) = 0;
+  // 1, 2, 3: from rough to fine; anything else (not negative): ffmpeg's default.
+  virtual bool STDMETHODCALLTYPE SetQuality(int32_t Value) = 0;
+  virtual bool STDMETHODCALLTYPE SetBitsPerPixel(int32_t Value) = 0;  // 24 or 32
+  // Not available: raises EklException for any bitmap (0 is logged and refused).
+  virtual bool STDMETHODCALLTYPE EncodeFrameBitmap(HBITMAP Frame) = 0;
+  // Width x Height packed rows, top row first, B G R (and a fourth byte at 32 bits).
+  virtual bool STDMETHODCALLTYPE EncodeFrameBits(const void* FrameBits) = 0;
+  // Always 0: no operation counts the frames.
+  virtual int32_t STDMETHODCALLTYPE GetFrameCount() = 0;
+  // Ends ffmpeg's input; ffmpeg completes the file on its own, later.
+  virtual void STDMETHODCALLTYPE Finish() = 0;
+
+  bool EncodeFrame(HBITMAP Frame) { return EncodeFrameBitmap(Frame); }
+  bool EncodeFrame(const void* FrameBits) { return EncodeFrameBits(FrameBits); }
+
+ protected:
+  ~IVideoFramesEncoder() = default;
+};
+
+// Writes raw frames into a named pipe that ffmpeg reads and encodes into FileName (the
+// encoder follows the file's extension). ffmpeg starts with the first frame.
+class TVideoFramesEncoder : public TInterfacedObject<IVideoFramesEncoder> {
+ public:
+  // Raises EklException for an empty name.
+  explicit TVideoFramesEncoder(const std::string& FileName);
+  ~TVideoFramesEncoder() override;
+
+  bool STDMETHODCALLTYPE SetSize(int32_t AWidth, int32_t AHeight) override;
+  bool STDMETHODCALLTYPE SetFPS(float Value) override;
+  bool STDMETHODCALLTYPE SetBitrate(const std::string& Value) override;
+  bool STDMETHODCALLTYPE SetQuality(int32_t Value) override;
+  bool STDMETHODCALLTYPE SetBitsPerPixel(int32_t Value) override;
+  bool STDMETHODCALLTYPE EncodeFrameBitmap(HBITMAP Frame) override;
+  bool STDMETHODCALLTYPE EncodeFrameBits(const void* FrameBits) override;
+  int32_t STDMETHODCALLTYPE GetFrameCount() override { return FrameCount; }
+  void STDMETHODCALLTYPE Finish() override { ClosePipe(); }
+
+  // The pipe's name once made: "\\.\pipe\FramesEncoder", or that and a random number
+  // when the name was taken.
+  const std::string& GetPipeName() const { return PipeName; }
+
+ private:
+  bool PrepareWriting();
+  bool WriteToPipe(const void* Buffer, int32_t Size);
+  void ClosePipe();
+
+  int32_t Width = 0;
+  int32_t Height = 0;
+  float FPS = 0;
+  int32_t FrameCount = 0;
+  std::string Bitrate;
+  int32_t Quality = 0;
+  int32_t BitsPerPixel = 24;
+  std::string FileName;
+  std::string PipeName;
+  HANDLE PipeHandle = nullptr;
+  bool Prepared = false;
+};
+
+// The framework's "%n": two decimals, thousands separated (FormatSettings).
+std::string FormatThousands(double Value);
 
 }  // namespace kl::UFfmpeg

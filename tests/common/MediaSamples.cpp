@@ -23,6 +23,8 @@ const std::map<std::string, std::string>& Recipes() {
        "-f lavfi -i testsrc=duration=3:size=320x240:rate=25 -f lavfi -i sine=duration=3:sample_rate=22050 "
        "-f lavfi -i sine=frequency=660:duration=3:sample_rate=48000 -map 0 -map 1 -map 2 -c:v mpeg4 "
        "-c:a:0 libmp3lame -ac:a:0 1 -c:a:1 ac3 -ac:a:1 6 -metadata:s:a:1 language=eng"},
+      {"hd_1080.mp4", "-f lavfi -i testsrc=duration=0.4:size=1920x1080:rate=25 -c:v libx264 -preset ultrafast -pix_fmt yuv420p"},
+      {"odd_718.mkv", "-f lavfi -i testsrc=duration=1:size=1280x718:rate=25 -c:v mpeg4"},
       {"surround71.mka", "-f lavfi -i sine=duration=2 -ac 8 -c:a flac"},
       {"tone.mp3", "-f lavfi -i sine=duration=2 -c:a libmp3lame"},
       {"tone.wav", "-f lavfi -i sine=duration=2 -ac 2"},

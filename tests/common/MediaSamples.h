@@ -11,6 +11,8 @@ namespace kltest {
 // name is unknown. Names:
 //   h264_aac.mp4     1280x720 H.264 25 fps, 10 s, AAC stereo 44100 Hz (9.9 s)
 //   two_audio.mkv    320x240 MPEG-4 25 fps, 3 s; MP3 mono 22050 Hz; AC-3 5.1 48000 Hz (eng)
+//   hd_1080.mp4      1920x1080 H.264 25 fps, 0.4 s (10 frames), no sound
+//   odd_718.mkv      1280x718 MPEG-4 25 fps, 1 s, no sound
 //   surround71.mka   FLAC 7.1 44100 Hz, 2 s
 //   tone.mp3         MP3 mono 44100 Hz, 2 s
 //   tone.wav         PCM stereo 44100 Hz, 2 s

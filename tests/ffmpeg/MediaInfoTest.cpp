@@ -87,6 +87,9 @@ const std::string kCommaNa = Crlf(R"(  Duration: N/A, bitrate: N/A
     Stream #0:1(eng): Audio: vorbis, 44100 Hz, 7.1, fltp
     Stream #0:2(eng): Audio: opus, 48000 Hz, stereo, fltp
 )");
+// Greedy: the audio line starts after the last "Audio: " of its line, which leaves
+// nothing for a second match there.
+const std::string kGreedy = "Stream #0:3: Audio: aac, 8000 Hz, Audio: pcm, 16000 Hz, mono, 12 kb/s\r\n";
 const std::string kTbcOnly = "Duration: 01:02:03.5,\rStream #0:0: Video: theora, 10x20, 12.5 tbc\n";
 
 TEST(MediaInfoText, StoredBannersGiveEveryValue) {
@@ -106,6 +109,7 @@ TEST(MediaInfoText, StoredBannersGiveEveryValue) {
       {&kCommaNa, {"", 0, 320, 240, 97, 0, "vp8,", 0, true, 2, "vorbis", 44100, 0, 0}},
       // A lone CR ends a line too; the rate from tbc; hours count.
       {&kTbcOnly, {"01:02:03.5", 3723500, 10, 20, 12.5f, 46544, "theo", 0, true, 0, "", 0, 0, 0}},
+      {&kGreedy, {"", 0, 0, 0, 0, 0, "", 0, false, 1, "pcm", 16000, 12, 1}},
       {nullptr, {"", 0, 0, 0, 0, 0, "", 0, false, 0, "", 0, 0, 0}},
   };
   for (const auto& c : cases) {
@@ -152,7 +156,7 @@ TEST(MediaInfoText, TimeAsMilliseconds) {
 
 // Mutated banners: no crash, no exception, no hang, and the values stay consistent.
 TEST(MediaInfoText, FuzzedBannersAndHugeLines) {
-  const std::string* seeds[] = {&kMp4Banner, &kMkvBanner, &kTbrOnly, &kZeroRate, &kCommaNa, &kTbcOnly};
+  const std::string* seeds[] = {&kMp4Banner, &kMkvBanner, &kTbrOnly, &kZeroRate, &kCommaNa, &kTbcOnly, &kGreedy};
   const std::string tokens[] = {"0", "9", ".", ",", ":", " ", "x", "\r\n", "\r", " fps", " tbr", " tbc", " kb/s",
                                 " Hz", " mono,", " stereo,", " 5.1", "Stream #0:0", ": Video: ", "Audio: ",
                                 "Duration: ", "(", ")", "\xFF", std::string(1, '\0')};
@@ -162,7 +166,7 @@ TEST(MediaInfoText, FuzzedBannersAndHugeLines) {
     return static_cast<uint32_t>(state >> 33) % N;
   };
   for (int round = 0; round < 3000; ++round) {
-    std::string s = *seeds[next(6)];
+    std::string s = *seeds[next(7)];
     for (uint32_t k = 0, n = 1 + next(8); k < n && !s.empty(); ++k) {
       const size_t at = next(static_cast<uint32_t>(s.size()));
       switch (next(4)) {
