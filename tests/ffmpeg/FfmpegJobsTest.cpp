@@ -6,6 +6,7 @@
 #include "KlTest.h"
 #include "MediaSamples.h"
 #include "ffmpeg/UFfmpeg.h"
+#include "diagnostics/klFiles.h"
 #include "rtl/SysUtils.h"
 
 using kl::ComPtr;
@@ -157,6 +158,23 @@ TEST(KlMediaTool, InfoExtractMux) {
   EXPECT_EQ(r.ExitCode, 0u) << r.Err;
   EXPECT_NE(r.Out.find("00:00:10.00"), std::string::npos) << r.Out;
   EXPECT_EQ(TVideoFileInfo::Create(dir / "m.mkv")->GetAudioChannels(), 1);
+
+  // Frames out as BMP files and back into a (lossless) video.
+  r = kltest::Run(tool + " frames " + kltest::Quote(kltest::MediaSample("two_audio.mkv")) + " " +
+                  kltest::Quote(dir / "bmp") + " --size 162x120 --to 1");
+  EXPECT_EQ(r.ExitCode, 0u) << r.Err;
+  EXPECT_NE(r.Err.find("25 / 25 frames"), std::string::npos) << r.Err;
+  EXPECT_EQ(kl::klFiles::TFileList(dir / "bmp\\*.bmp").Count(), 25);
+  r = kltest::Run(tool + " encode " + kltest::Quote(dir / "bmp") + " " + kltest::Quote(dir / "v.apng") + " --fps 25");
+  EXPECT_EQ(r.ExitCode, 0u) << r.Err;
+  const ComPtr<IVideoFramesDecoder2> d = TVideoFramesDecoder::Create(dir / "v.apng");
+  ASSERT_TRUE(d);
+  EXPECT_EQ(d->GetTargetWidth(), 162);
+  int frames = 0;
+  HBITMAP bmp = nullptr;
+  void* bits = nullptr;
+  while (d->GetNextFrame(bmp, bits)) ++frames;
+  EXPECT_EQ(frames, 25);
 }
 
 }  // namespace
