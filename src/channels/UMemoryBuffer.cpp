@@ -157,7 +157,18 @@ TMemoryBuffer::TMemoryBuffer(TStream* Stream, int64_t Start, int64_t Size, int32
 TMemoryBuffer::~TMemoryBuffer() {
   FBlocks.clear();
   FThread->Terminate();
-  while (!FThread->Finished() && !FThread->TThread::Finished()) Sleep(1);
+  // A reader blocked in its stream (a pipe nobody writes to) may never come back:
+  // after 3 s it is left to free itself whenever the stream returns.
+  const ULONGLONG start = GetTickCount64();
+  while (!FThread->Finished() && !FThread->TThread::Finished()) {
+    if (GetTickCount64() - start >= 3000) {
+      klLog::AddToEventLog("Warning: TMemoryBuffer.Destroy: the reader thread is still blocked in its stream",
+                           klLog::lkWarning);
+      if (FThread->FreeOnExit()) (void)FThread.release();
+      break;
+    }
+    Sleep(1);
+  }
   FThread.reset();
 }
 

@@ -365,21 +365,21 @@ TNamedPipe::TNamedPipe(const std::string& AName, int32_t AInterval) : Interval(s
   Name = base;
   Pipe = MakeInterface<IPipe, TPipe>(kNamedPipeBlockSize);
   if (!Pipe) throw std::bad_alloc();
-  FHandle = CreateInstance(Name);
-  if (FHandle == INVALID_HANDLE_VALUE) {
+  FHandle.Reset(CreateInstance(Name));
+  if (!FHandle) {
     klLog::AddToEventLog("TNamedPipe.Create: Не удалось создать PIPE " + AName, klLog::lkWarning);
     std::random_device seed;
     std::mt19937 random(seed());
     std::uniform_int_distribution<int> number(0, 99999);
     // A name can be refused for reasons no number cures (a bad character, no
     // resources): give up after many tries rather than spin for ever.
-    for (int attempt = 0; attempt < 100000 && FHandle == INVALID_HANDLE_VALUE; ++attempt) {
+    for (int attempt = 0; attempt < 100000 && !FHandle; ++attempt) {
       Name = base + std::to_string(number(random));
-      FHandle = CreateInstance(Name);
+      FHandle.Reset(CreateInstance(Name));
     }
-    if (FHandle == INVALID_HANDLE_VALUE) Name = base;
+    if (!FHandle) Name = base;
   }
-  FThread.reset(new TReadPipeThread(FHandle, 0x10000, Interval, Pipe));
+  FThread.reset(new TReadPipeThread(FHandle.Get(), 0x10000, Interval, Pipe));
   FThread->OnConnect = [this](void* Sender) { InnerOnConnect(Sender); };
   FThread->OnData = [this](void* Sender) { InnerOnData(Sender); };
   FThread->OnDisconnect = [this](void* Sender) { InnerOnDisconnect(Sender); };
@@ -390,17 +390,23 @@ TNamedPipe::TNamedPipe(const std::string& AName, int32_t AInterval) : Interval(s
 
 TNamedPipe::~TNamedPipe() {
   FThread->Terminate();
-  if (FHandle != INVALID_HANDLE_VALUE) DisconnectNamedPipe(FHandle);
-  ReleaseListener();
-  FThread.reset();
-  if (FHandle != INVALID_HANDLE_VALUE) CloseHandle(FHandle);
+  if (FHandle) DisconnectNamedPipe(FHandle.Get());
+  if (GetCurrentThreadId() == FThread->ThreadID()) {
+    // Released from one of its own events: the reader thread cannot wait for itself.
+    // Terminated, it returns from the event straight out of its body, touching neither
+    // this object nor the pipe handle, and then frees itself.
+    if (FThread->FreeOnExit()) (void)FThread.release();
+  } else {
+    ReleaseListener();
+    FThread.reset();
+  }
 }
 
 void TNamedPipe::ReleaseListener() {
   // A thread still blocked in ConnectNamedPipe would keep the destructor waiting for
   // a client that may never come: cancel its wait, and connect to the pipe ourselves
   // where cancelling is not supported. The thread then sees the termination request.
-  if (FHandle == INVALID_HANDLE_VALUE) return;
+  if (!FHandle) return;
   const ULONGLONG start = GetTickCount64();
   while (!FThread->Finished() && GetTickCount64() - start < 10000) {
     if (FThread->GetListening()) {
@@ -435,9 +441,13 @@ void STDMETHODCALLTYPE TNamedPipe::SetBufferLevel(int32_t Level) { FThread->SetB
 std::string STDMETHODCALLTYPE TNamedPipe::GetText() {
   std::string s;
   Pipe->Lock();
+  // Unlocked on every way out: the resize may throw.
+  struct TUnlock {
+    IPipe* P;
+    ~TUnlock() { P->Unlock(); }
+  } unlock{Pipe.Get()};
   s.resize(static_cast<size_t>(Pipe->GetSizeToRead()));
   s.resize(static_cast<size_t>(Pipe->Read(s.data(), static_cast<int32_t>(s.size()))));
-  Pipe->Unlock();
   return s;
 }
 

@@ -15,6 +15,7 @@
 
 #include "rtl/Classes.h"
 #include "rtl/ComBase.h"
+#include "rtl/Handles.h"
 #include "rtl/Threads.h"
 
 namespace kl::UPipe {
@@ -340,7 +341,9 @@ class TNamedPipe : public TInterfacedObject<INamedPipe2, IReadWrite> {
 
   std::string Name;
   ComPtr<IPipe> Pipe;
-  HANDLE FHandle = INVALID_HANDLE_VALUE;
+  // Declared before the thread so that it outlives it, and closed even when the
+  // thread cannot be made.
+  Handles::THandle FHandle;
   std::unique_ptr<TReadPipeThread> FThread;
   // Guards the three events against being swapped while the reader thread calls them.
   TCriticalSection FEventLock;

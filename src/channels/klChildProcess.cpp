@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <vector>
 
 #include "channels/UPipe.h"
 #include "diagnostics/klLog.h"
 #include "rtl/SysUtils.h"
+#include <utility>
 
 namespace kl::klChildProcess {
 
@@ -15,39 +17,41 @@ namespace {
 constexpr DWORD kChunkSize = 4096;
 constexpr uint8_t kCR = 13;
 
-// Closes a handle on scope exit unless it has been taken.
-class THandleGuard {
+// Our own end of a pipe must not reach any child: only the child's end is inheritable.
+void MakeNotInheritable(const Handles::THandle& Handle) {
+  if (!SetHandleInformation(Handle.Get(), HANDLE_FLAG_INHERIT, 0)) throw Exception("Error on SetHandleInformation");
+}
+
+// The list of handles one child may inherit: without it CreateProcess hands the child
+// every inheritable handle of the process, including the pipe ends of a child being
+// started at the same moment on another thread, whose reader then never sees its pipe
+// break.
+class THandleList {
  public:
-  THandleGuard() = default;
-  ~THandleGuard() { Reset(); }
-  THandleGuard(const THandleGuard&) = delete;
-  THandleGuard& operator=(const THandleGuard&) = delete;
-  HANDLE* operator&() { return &FHandle; }
-  HANDLE Get() const { return FHandle; }
-  HANDLE Take() {
-    HANDLE h = FHandle;
-    FHandle = nullptr;
-    return h;
+  explicit THandleList(std::vector<HANDLE> AHandles) : FHandles(std::move(AHandles)) {
+    SIZE_T size = 0;
+    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    FBuffer.resize(size);
+    auto* list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(FBuffer.data());
+    if (!InitializeProcThreadAttributeList(list, 1, 0, &size)) throw Exception("Error on InitializeProcThreadAttributeList");
+    FList = list;
+    if (!UpdateProcThreadAttribute(FList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, FHandles.data(),
+                                   FHandles.size() * sizeof(HANDLE), nullptr, nullptr)) {
+      throw Exception("Error on UpdateProcThreadAttribute");
+    }
   }
-  void Reset() {
-    if (FHandle != nullptr && FHandle != INVALID_HANDLE_VALUE) CloseHandle(FHandle);
-    FHandle = nullptr;
+  ~THandleList() {
+    if (FList != nullptr) DeleteProcThreadAttributeList(FList);
   }
+  THandleList(const THandleList&) = delete;
+  THandleList& operator=(const THandleList&) = delete;
+  LPPROC_THREAD_ATTRIBUTE_LIST Get() const { return FList; }
 
  private:
-  HANDLE FHandle = nullptr;
+  std::vector<HANDLE> FHandles;  // must outlive the list, which points into it
+  std::vector<uint8_t> FBuffer;
+  LPPROC_THREAD_ATTRIBUTE_LIST FList = nullptr;
 };
-
-// Replaces Handle by a copy the child does not inherit.
-void MakeNotInheritable(THandleGuard& Handle) {
-  HANDLE copy = nullptr;
-  if (!DuplicateHandle(GetCurrentProcess(), Handle.Get(), GetCurrentProcess(), &copy, 0, FALSE,
-                       DUPLICATE_SAME_ACCESS)) {
-    throw Exception("Error on DuplicateHandle");
-  }
-  Handle.Reset();
-  *&Handle = copy;
-}
 
 SECURITY_ATTRIBUTES InheritableAttributes() {
   SECURITY_ATTRIBUTES sa{};
@@ -62,16 +66,13 @@ SECURITY_ATTRIBUTES InheritableAttributes() {
 // --- TChildWritableStream -----------------------------------------------------------
 
 TChildWritableStream::~TChildWritableStream() {
-  if (FHandle != nullptr && FHandle != INVALID_HANDLE_VALUE) {
-    FlushFileBuffers(FHandle);
-    CloseHandle(FHandle);
-  }
+  if (FHandle) FlushFileBuffers(FHandle.Get());
 }
 
 bool STDMETHODCALLTYPE TChildWritableStream::WriteBuffer(const void* Buffer, int32_t Size, int32_t /*Timeout*/) {
   if (Buffer == nullptr || Size < 1) return false;
   DWORD written = 0;
-  return WriteFile(FHandle, Buffer, static_cast<DWORD>(Size), &written, nullptr) &&
+  return WriteFile(FHandle.Get(), Buffer, static_cast<DWORD>(Size), &written, nullptr) &&
          written == static_cast<DWORD>(Size);
 }
 
@@ -79,21 +80,17 @@ bool STDMETHODCALLTYPE TChildWritableStream::WriteString(const std::string& S, i
   std::string line(S.c_str());  // up to the first zero byte
   line += "\r\n";
   DWORD written = 0;
-  return WriteFile(FHandle, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) &&
+  return WriteFile(FHandle.Get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr) &&
          written == static_cast<DWORD>(line.size());
 }
 
 // --- TChildReadableStream -----------------------------------------------------------
 
-TChildReadableStream::~TChildReadableStream() {
-  if (FHandle != nullptr && FHandle != INVALID_HANDLE_VALUE) CloseHandle(FHandle);
-}
-
 bool TChildReadableStream::WaitForData(int32_t ATimeout, DWORD& Available) {
   const DWORD start = GetTickCount();
   for (;;) {
     Available = 0;
-    const BOOL ok = PeekNamedPipe(FHandle, nullptr, 0, nullptr, &Available, nullptr);
+    const BOOL ok = PeekNamedPipe(FHandle.Get(), nullptr, 0, nullptr, &Available, nullptr);
     // Before the child has written anything a failed peek proves nothing; after
     // that, a broken pipe means it has closed its end and nothing more will come.
     if (!ok && Connected && GetLastError() == ERROR_BROKEN_PIPE) return false;
@@ -117,7 +114,7 @@ int32_t STDMETHODCALLTYPE TChildReadableStream::ReadBuffer(void* Buffer, int32_t
       if (n == 0) break;
       if (scratch.size() < static_cast<size_t>(n)) scratch.resize(static_cast<size_t>(n));
       DWORD got = 0;
-      if (!ReadFile(FHandle, scratch.data(), static_cast<DWORD>(n), &got, nullptr)) got = 0;
+      if (!ReadFile(FHandle.Get(), scratch.data(), static_cast<DWORD>(n), &got, nullptr)) got = 0;
       std::copy(scratch.data(), scratch.data() + got, static_cast<uint8_t*>(Buffer) + done);
       done += static_cast<int32_t>(got);
     }
@@ -138,7 +135,7 @@ std::string TChildReadableStream::ReadAccumulated(int32_t ATimeout, bool ByteWis
     while (available > 0) {
       DWORD got = 0;
       const DWORD n = ByteWise ? 1 : std::min(available, kChunkSize);
-      if (!ReadFile(FHandle, chunk, n, &got, nullptr) || got == 0) break;
+      if (!ReadFile(FHandle.Get(), chunk, n, &got, nullptr) || got == 0) break;
       accumulator->Write(chunk, static_cast<int32_t>(got));
       available -= got;
       if (ByteWise && chunk[0] == kCR) {
@@ -175,11 +172,11 @@ std::string STDMETHODCALLTYPE TChildReadableStream::ReadLine() {
 std::string STDMETHODCALLTYPE TChildReadableStream::ReadAvailabeString() {
   try {
     DWORD available = 0;
-    if (!PeekNamedPipe(FHandle, nullptr, 0, nullptr, &available, nullptr) || available == 0) return std::string();
+    if (!PeekNamedPipe(FHandle.Get(), nullptr, 0, nullptr, &available, nullptr) || available == 0) return std::string();
     Connected = true;
     std::string s(available, '\0');
     DWORD got = 0;
-    if (!ReadFile(FHandle, s.data(), available, &got, nullptr)) got = 0;
+    if (!ReadFile(FHandle.Get(), s.data(), available, &got, nullptr)) got = 0;
     s.resize(got);
     return s;
   } catch (...) {
@@ -192,11 +189,11 @@ std::string STDMETHODCALLTYPE TChildReadableStream::ReadAvailabeString() {
 int32_t STDMETHODCALLTYPE TChildReadableStream::ReadAvailabeBuffer(void* Buffer, int32_t Count) {
   if (Buffer == nullptr || Count < 1) return 0;
   DWORD available = 0;
-  if (!PeekNamedPipe(FHandle, nullptr, 0, nullptr, &available, nullptr) || available == 0) return 0;
+  if (!PeekNamedPipe(FHandle.Get(), nullptr, 0, nullptr, &available, nullptr) || available == 0) return 0;
   Connected = true;
   const DWORD n = std::min(available, static_cast<DWORD>(Count));
   DWORD got = 0;
-  if (!ReadFile(FHandle, Buffer, n, &got, nullptr)) return 0;
+  if (!ReadFile(FHandle.Get(), Buffer, n, &got, nullptr)) return 0;
   return static_cast<int32_t>(got);
 }
 
@@ -224,33 +221,36 @@ TChildProcess::~TChildProcess() { Close(); }
 
 bool TChildProcess::CreateChild(const std::string& CmdLine) {
   if (CmdLine.empty()) return false;
-  if (FSecurity == nullptr) FSecurity = new SECURITY_ATTRIBUTES(InheritableAttributes());
+  SECURITY_ATTRIBUTES sa = InheritableAttributes();
 
-  THandleGuard outRead, outWrite, inRead, inWrite, errRead, errWrite;
-  if (!CreatePipe(&outRead, &outWrite, FSecurity, 0)) throw Exception("CreatePipe for Stdout error");
-  if (!CreatePipe(&inRead, &inWrite, FSecurity, 0)) throw Exception("CreatePipe for Stdin error");
+  Handles::THandle outRead, outWrite, inRead, inWrite, errRead, errWrite;
+  if (!CreatePipe(outRead.Receive(), outWrite.Receive(), &sa, 0)) throw Exception("CreatePipe for Stdout error");
+  if (!CreatePipe(inRead.Receive(), inWrite.Receive(), &sa, 0)) throw Exception("CreatePipe for Stdin error");
   // The standard-error pipe reports with the standard-input text: callers match it.
-  if (!CreatePipe(&errRead, &errWrite, FSecurity, 0)) throw Exception("CreatePipe for Stdin error");
+  if (!CreatePipe(errRead.Receive(), errWrite.Receive(), &sa, 0)) throw Exception("CreatePipe for Stdin error");
 
   MakeNotInheritable(outRead);
   MakeNotInheritable(inWrite);
   MakeNotInheritable(errRead);
 
-  StdIn = MakeInterface<IWritable, TChildWritableStream>(inWrite.Take());
-  StdOut = MakeInterface<IReadable2, TChildReadableStream>(outRead.Take());
-  StdErr = MakeInterface<IReadable2, TChildReadableStream>(errRead.Take());
+  StdIn = MakeInterface<IWritable, TChildWritableStream>(inWrite.Release());
+  StdOut = MakeInterface<IReadable2, TChildReadableStream>(outRead.Release());
+  StdErr = MakeInterface<IReadable2, TChildReadableStream>(errRead.Release());
 
-  STARTUPINFOA si{};
-  si.cb = sizeof(si);
-  si.hStdInput = inRead.Get();
-  si.hStdOutput = outWrite.Get();
-  si.hStdError = errWrite.Get();
-  si.wShowWindow = SW_HIDE;
-  si.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
+  THandleList inherited({inRead.Get(), outWrite.Get(), errWrite.Get()});
+  STARTUPINFOEXA si{};
+  si.StartupInfo.cb = sizeof(si);
+  si.StartupInfo.hStdInput = inRead.Get();
+  si.StartupInfo.hStdOutput = outWrite.Get();
+  si.StartupInfo.hStdError = errWrite.Get();
+  si.StartupInfo.wShowWindow = SW_HIDE;
+  si.StartupInfo.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
+  si.lpAttributeList = inherited.Get();
   PROCESS_INFORMATION pi{};
   std::vector<char> cmd(CmdLine.begin(), CmdLine.end());
   cmd.push_back('\0');
-  if (CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+  if (CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr,
+                     &si.StartupInfo, &pi)) {
     // The thread handle is deliberately neither kept nor closed.
     FProcess = pi.hProcess;
   }
@@ -259,7 +259,7 @@ bool TChildProcess::CreateChild(const std::string& CmdLine) {
                          klLog::lkError);
     Close();
   }
-  // The guards close the child's ends here: only the child holds them from now on,
+  // The owners close the child's ends here: only the child holds them from now on,
   // so that its exit breaks the pipes.
   return FProcess != nullptr;
 }
@@ -296,8 +296,6 @@ void STDMETHODCALLTYPE TChildProcess::Close() {
     CloseHandle(FProcess);
     FProcess = nullptr;
   }
-  delete FSecurity;
-  FSecurity = nullptr;
 }
 
 void STDMETHODCALLTYPE TChildProcess::ClosePipe(int32_t Index) {
@@ -325,24 +323,31 @@ ComPtr<IReadable2> STDMETHODCALLTYPE TChildProcess::GetStdErr() { return StdErr;
 
 bool RunAndWait(const std::string& CmdLine, const std::string& OutputFile, uint32_t* ExitCode) {
   if (CmdLine.empty()) return false;
-  STARTUPINFOA si{};
-  si.cb = sizeof(si);
-  si.dwFlags = STARTF_USESHOWWINDOW;
-  si.wShowWindow = SW_HIDE;
-  HANDLE file = nullptr;
+  STARTUPINFOEXA si{};
+  si.StartupInfo.cb = sizeof(si);
+  si.StartupInfo.dwFlags = STARTF_USESHOWWINDOW;
+  si.StartupInfo.wShowWindow = SW_HIDE;
+  Handles::THandle file;
+  std::unique_ptr<THandleList> inherited;
   if (!OutputFile.empty()) {
     SECURITY_ATTRIBUTES sa = InheritableAttributes();
     // Not truncated: older bytes beyond the new output's end stay.
-    file = CreateFileA(OutputFile.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
-                       OPEN_ALWAYS, 0, nullptr);
-    si.dwFlags |= STARTF_USESTDHANDLES;
-    si.hStdOutput = file;
+    file.Reset(CreateFileA(OutputFile.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                           OPEN_ALWAYS, 0, nullptr));
+    si.StartupInfo.dwFlags |= STARTF_USESTDHANDLES;
+    si.StartupInfo.hStdOutput = file.Get();
+    // Only the output file is handed down, never another child's pipe ends.
+    if (file) {
+      inherited = std::make_unique<THandleList>(std::vector<HANDLE>{file.Get()});
+      si.lpAttributeList = inherited->Get();
+    }
   }
   PROCESS_INFORMATION pi{};
   std::vector<char> cmd(CmdLine.begin(), CmdLine.end());
   cmd.push_back('\0');
-  if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, OutputFile.empty() ? FALSE : TRUE, CREATE_NO_WINDOW,
-                      nullptr, nullptr, &si, &pi)) {
+  if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, inherited ? TRUE : FALSE,
+                      CREATE_NO_WINDOW | (inherited ? EXTENDED_STARTUPINFO_PRESENT : 0), nullptr, nullptr,
+                      &si.StartupInfo, &pi)) {
     klLog::AddToEventLog("klChildProcess.RunAndWait: create process failed: " + CmdLine + "  LastError: " +
                              klLog::GetLastErrorStr(),
                          klLog::lkError);
@@ -355,7 +360,6 @@ bool RunAndWait(const std::string& CmdLine, const std::string& OutputFile, uint3
     *ExitCode = code;
   }
   CloseHandle(pi.hProcess);
-  if (file != nullptr && file != INVALID_HANDLE_VALUE) CloseHandle(file);
   return true;
 }
 

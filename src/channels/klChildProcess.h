@@ -10,6 +10,7 @@
 #include <string>
 
 #include "rtl/ComBase.h"
+#include "rtl/Handles.h"
 
 namespace kl::klChildProcess {
 
@@ -140,7 +141,7 @@ class TChildWritableStream : public TInterfacedObject<IWritable> {
   bool STDMETHODCALLTYPE WriteString(const std::string& S, int32_t Timeout) override;
 
  private:
-  HANDLE FHandle;
+  Handles::THandle FHandle;
 };
 
 // Owns the read end of one of the child's output pipes.
@@ -163,7 +164,7 @@ class TChildReadableStream : public TInterfacedObject<IReadable2> {
   std::string ReadAccumulated(int32_t Timeout, bool ByteWise);
 
   bool Connected = false;
-  HANDLE FHandle;
+  Handles::THandle FHandle;
   int32_t Timeout = 1000;
 };
 
@@ -191,7 +192,6 @@ class TChildProcess : public TInterfacedObject<IChildProcess3> {
  private:
   TChildProcess() = default;
 
-  SECURITY_ATTRIBUTES* FSecurity = nullptr;
   HANDLE FProcess = nullptr;
   ComPtr<IWritable> StdIn;
   ComPtr<IReadable2> StdOut;

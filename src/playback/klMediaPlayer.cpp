@@ -281,21 +281,48 @@ bool TklMediaPlayer::OnWaveOutThread() const {
 }
 
 ComPtr<ISoundStream> TklMediaPlayer::GetSource() {
-  std::lock_guard<TCriticalSection> guard(FSourceLock);
+  std::lock_guard<TCriticalSection> guard(FSourceRefLock);
   return FSoundStream;
+}
+
+TNotifyEvent TklMediaPlayer::GetOnFinish() const {
+  std::lock_guard<TCriticalSection> guard(FEventLock);
+  return FOnFinish;
+}
+
+void TklMediaPlayer::SetOnFinish(TNotifyEvent Value) {
+  std::lock_guard<TCriticalSection> guard(FEventLock);
+  FOnFinish = std::move(Value);
+}
+
+TSendingWavBlockEvent TklMediaPlayer::GetOnSendingWavBlock() const {
+  std::lock_guard<TCriticalSection> guard(FEventLock);
+  return FOnSendingWavBlock;
+}
+
+void TklMediaPlayer::SetOnSendingWavBlock(TSendingWavBlockEvent Value) {
+  std::lock_guard<TCriticalSection> guard(FEventLock);
+  FOnSendingWavBlock = std::move(Value);
 }
 
 void TklMediaPlayer::SetSource(ISoundStream* Value) {
   Stop();
   std::lock_guard<TCriticalSection> guard(FSourceLock);
   if (FSoundStream) UnprepareHeaders();
-  FSoundStream = Value;
+  {
+    std::lock_guard<TCriticalSection> ref(FSourceRefLock);
+    FSoundStream = Value;
+  }
   FWavBuffer->Clear();
   if (FSoundStream) {
     AdjustBufferSize();
-    if (FWaveOut != nullptr) {
-      FOldDevices.push_back(FWaveOut);
-      FWaveOut = nullptr;
+    {
+      std::lock_guard<TCriticalSection> device(FLock);
+      if (FWaveOut != nullptr) {
+        FOldDevices.push_back(FWaveOut);
+        FWaveOut = nullptr;
+      }
+      ResetDeviceBytes();
     }
     PrepareHeaders();
     FMode.store(pmStopped);
@@ -332,7 +359,11 @@ bool TklMediaPlayer::PrepareHeaders() {
                            CALLBACK_WINDOW | WAVE_ALLOWSYNC);
   FLastError.store(static_cast<int32_t>(r));
   if (r != MMSYSERR_NOERROR) return false;
-  FWaveOut = h;
+  {
+    std::lock_guard<TCriticalSection> guard(FLock);
+    FWaveOut = h;
+    ResetDeviceBytes();
+  }
   for (auto& header : FHeaders) {
     if (header.lpData == nullptr) return false;
     r = waveOutPrepareHeader(FWaveOut, &header, sizeof(WAVEHDR));
@@ -370,6 +401,25 @@ void TklMediaPlayer::FillWavBuffer(std::vector<uint8_t>& Block) {
 }
 
 bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
+  TQueueOutcome outcome;
+  const bool result = FillAndWrite(Header, outcome);
+  // Only now, with the counter Stop waits for down: a handler or the box may wait for
+  // the host's thread, and the host's thread may be waiting in Stop.
+  if (outcome.Finished) {
+    if (TNotifyEvent handler = GetOnFinish()) handler(this);
+  }
+  if (outcome.Sent) {
+    if (TSendingWavBlockEvent handler = GetOnSendingWavBlock()) {
+      handler(outcome.Block.data(), static_cast<int32_t>(outcome.Block.size()));
+    }
+  }
+  if (outcome.WriteError != MMSYSERR_NOERROR) {
+    ShowMessageBox(nullptr, WaveOutErrorText(outcome.WriteError), "Внимание", MB_ICONEXCLAMATION);
+  }
+  return result;
+}
+
+bool TklMediaPlayer::FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome) {
   // Stop waits for this too: the blocks must not change under a queueing in flight.
   FQueueing.fetch_add(1);
   struct TDone {
@@ -396,6 +446,9 @@ bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
   while (FWavBuffer->GetSizeToRead() < FBufferSize) {
     std::unique_lock<TCriticalSection> guard(FSourceLock);
     if (FSoundStream.Get() != source.Get()) return false;  // the source changed meanwhile
+    // The buffer thread may have filled the read-ahead while this thread waited for the
+    // lock: a read of 0 then only means that it took the source's last bytes first.
+    if (FWavBuffer->GetSizeToRead() >= FBufferSize) break;
     const int32_t n = source->GetWavData(block, sizeof block);
     if (n > 0) {
       FWavBuffer->Write(block, std::min<int32_t>(n, sizeof block));
@@ -414,19 +467,24 @@ bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
   if (size == 0) {
     if (FStopFlag.load() == 0) {
       FMode.store(pmFinished);
-      if (FOnFinish) FOnFinish(this);
+      Outcome.Finished = true;
     }
     klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: WavBuffer.Read(...) = 0", klLog::lkError);
     return true;
   }
 
   const WAVEFORMATEX format = source->GetWaveFormat();
-  if (FCorrector->GetTempo() != 1.0f) {
+  {
     std::lock_guard<TCriticalSection> guard(FLock);
-    FCorrector->SetFormat(&format);
-    size = FCorrector->Correct(Header->lpData, size);
+    if (FCorrector->GetTempo() != 1.0f) {
+      FCorrector->SetFormat(&format);
+      size = FCorrector->Correct(Header->lpData, size);
+    }
   }
-  if (FOnSendingWavBlock) FOnSendingWavBlock(Header->lpData, size);
+  if (GetOnSendingWavBlock()) {
+    Outcome.Sent = true;
+    Outcome.Block.assign(Header->lpData, Header->lpData + size);
+  }
   if (FVolume.load() != 1.0f) ApplyVolume(Header->lpData, size, format);
 
   MMRESULT r;
@@ -444,7 +502,7 @@ bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
       return true;
     }
   }
-  ShowMessageBox(nullptr, WaveOutErrorText(r), "Внимание", MB_ICONEXCLAMATION);
+  Outcome.WriteError = r;
   return false;
 }
 
@@ -517,13 +575,18 @@ void TklMediaPlayer::Stop() {
   {
     std::lock_guard<TCriticalSection> guard(FLock);
     if (FWaveOut != nullptr) waveOutReset(FWaveOut);
+    ResetDeviceBytes();
   }
   // The returned blocks arrive as messages to the wave-out thread's window; a Stop
   // from that thread itself (an event handler) cannot wait for them.
   if (OnWaveOutThread()) return;
   while ((FStopFlag.load() >= 1 || FQueueing.load() > 0) && FWaveOutThread && !FWaveOutThread->Terminated() &&
          !FWaveOutThread->Finished()) {
-    Sleep(10);
+    // Messages sent to this thread are delivered meanwhile: a handler on the wave-out
+    // thread that sends one (the usual meter pattern) would otherwise never return.
+    MsgWaitForMultipleObjects(0, nullptr, FALSE, 10, QS_SENDMESSAGE);
+    MSG msg;
+    PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
   }
 }
 
@@ -534,6 +597,7 @@ void TklMediaPlayer::CloseDevices() {
     UnprepareHeaders();
     waveOutClose(FWaveOut);
     FWaveOut = nullptr;
+    ResetDeviceBytes();
   }
   for (HWAVEOUT h : FOldDevices) {
     waveOutReset(h);
@@ -568,17 +632,35 @@ int32_t TklMediaPlayer::GetPosition() {
   ComPtr<ISoundStream> s = GetSource();
   if (!s) return 0;
   int64_t result = s->GetPosition();
-  MMTIME t{};
-  t.wType = TIME_BYTES;
+  uint64_t played;
   {
     std::lock_guard<TCriticalSection> guard(FLock);
-    if (FWaveOut == nullptr || waveOutGetPosition(FWaveOut, &t, sizeof t) != MMSYSERR_NOERROR) t.u.cb = 0;
+    played = DeviceBytesPlayed();
   }
-  if (t.wType == TIME_BYTES) {
-    const uint32_t cb = std::min<uint32_t>(t.u.cb, 0x7FFFFFFF);
-    result += Round(BytesToMilliseconds(static_cast<int32_t>(cb)) * static_cast<double>(FSpeed.load()));
+  const WAVEFORMATEX f = s->GetWaveFormat();
+  if (f.nBlockAlign != 0 && f.nSamplesPerSec != 0) {
+    const int64_t ms = Round(static_cast<double>(played) / f.nBlockAlign / f.nSamplesPerSec * 1000);
+    result += Round(static_cast<double>(ms) * static_cast<double>(FSpeed.load()));
   }
   return static_cast<int32_t>(std::clamp<int64_t>(result, INT32_MIN, INT32_MAX));
+}
+
+uint64_t TklMediaPlayer::DeviceBytesPlayed() {
+  MMTIME t{};
+  t.wType = TIME_BYTES;
+  if (FWaveOut == nullptr || waveOutGetPosition(FWaveOut, &t, sizeof t) != MMSYSERR_NOERROR || t.wType != TIME_BYTES) {
+    return 0;
+  }
+  // The device counts in 32 bits, which wrap after 6 h 45 min of CD audio; a count
+  // that went back without a reset has wrapped (positions are read far more often).
+  if (t.u.cb < FDeviceBytesLast) FDeviceBytesHigh += uint64_t{1} << 32;
+  FDeviceBytesLast = t.u.cb;
+  return FDeviceBytesHigh + t.u.cb;
+}
+
+void TklMediaPlayer::ResetDeviceBytes() {
+  FDeviceBytesHigh = 0;
+  FDeviceBytesLast = 0;
 }
 
 void TklMediaPlayer::SetPosition(int32_t Ms) {

@@ -223,10 +223,14 @@ class TklMediaPlayer {
     FCallbackB = B;
   }
 
-  TNotifyEvent GetOnFinish() const { return FOnFinish; }
-  void SetOnFinish(TNotifyEvent Value) { FOnFinish = std::move(Value); }
-  TSendingWavBlockEvent GetOnSendingWavBlock() const { return FOnSendingWavBlock; }
-  void SetOnSendingWavBlock(TSendingWavBlockEvent Value) { FOnSendingWavBlock = std::move(Value); }
+  // Set on the host's thread, called on the player's threads: each call works on a copy
+  // taken under a lock, and never while a lock or counter the host may wait for is held
+  // (a handler may SendMessage to the host's thread). OnSendingWavBlock receives a copy
+  // of the block, before the volume is applied, just after it was handed to the device.
+  TNotifyEvent GetOnFinish() const;
+  void SetOnFinish(TNotifyEvent Value);
+  TSendingWavBlockEvent GetOnSendingWavBlock() const;
+  void SetOnSendingWavBlock(TSendingWavBlockEvent Value);
 
   // Called by the player's threads.
   bool PrepareHeaders();
@@ -243,6 +247,17 @@ class TklMediaPlayer {
   static constexpr int32_t WAV_BUFFER_LIMIT = 529200;
 
  private:
+  // What QueueNextBuffer reports once the queueing counter has dropped.
+  struct TQueueOutcome {
+    bool Finished = false;
+    bool Sent = false;
+    std::vector<uint8_t> Block;
+    MMRESULT WriteError = MMSYSERR_NOERROR;
+  };
+  bool FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome);
+  // The device's byte count, widened to 64 bits across its 32-bit wrap (under FLock).
+  uint64_t DeviceBytesPlayed();
+  void ResetDeviceBytes();
   bool OnWaveOutThread() const;
   void ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format);
   void CloseDevices();
@@ -263,6 +278,12 @@ class TklMediaPlayer {
   // Serialises every use of the source and the read-ahead refills, so that blocks
   // from different threads never interleave or cross a seek.
   TCriticalSection FSourceLock;
+  // Guards only the FSoundStream reference, so that GetSource (and GetPosition) never
+  // waits behind a slow read of the source.
+  mutable TCriticalSection FSourceRefLock;
+  mutable TCriticalSection FEventLock;
+  uint64_t FDeviceBytesHigh = 0;
+  uint32_t FDeviceBytesLast = 0;
   int32_t FBufferSize = 0;
   std::atomic<int32_t> FStopFlag{0};
   std::atomic<int32_t> FLastError{0};

@@ -26,6 +26,13 @@ void TThread::Start() {
 
 void TThread::TerminateAndWait() {
   Terminate();
+  // Destroying a thread object from its own thread (an object released from its own
+  // event) cannot wait for the thread: the error ends the process from the destructor
+  // rather than letting the thread run on in freed memory.
+  if (FStarted && GetCurrentThreadId() == FThreadID) {
+    if (FExitState.load() == 2) return;  // deleted by ThreadProc after the body
+    OutputDebugStringA("TThread: an object is being destroyed by its own thread");
+  }
   if (FStarted) {
     WaitFor();
   } else if (FHandle != nullptr) {
@@ -37,9 +44,22 @@ void TThread::TerminateAndWait() {
   }
 }
 
+bool TThread::FreeOnExit() {
+  int running = 0;
+  return FExitState.compare_exchange_strong(running, 2);
+}
+
 uint32_t TThread::WaitFor() {
-  if (FHandle == nullptr || !FStarted || GetCurrentThreadId() == FThreadID) return ReturnValue;
-  WaitForSingleObject(FHandle, INFINITE);
+  if (FHandle == nullptr || !FStarted) return ReturnValue;
+  // A thread waiting for itself would wait for ever, and returning instead lets its
+  // object be freed under the code still running on it: fail loudly.
+  if (GetCurrentThreadId() == FThreadID) throw std::logic_error("TThread.WaitFor: a thread cannot wait for itself");
+  // Messages sent to the waiting thread are delivered meanwhile: the body may be
+  // inside an event handler that sends one to this thread and waits for the answer.
+  while (MsgWaitForMultipleObjects(1, &FHandle, FALSE, INFINITE, QS_SENDMESSAGE) == WAIT_OBJECT_0 + 1) {
+    MSG msg;
+    PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
+  }
   return ReturnValue;
 }
 
@@ -54,7 +74,10 @@ DWORD WINAPI TThread::ThreadProc(LPVOID Param) {
     }
   }
   self->FFinished.store(true);
-  return self->ReturnValue;
+  const uint32_t result = self->ReturnValue;
+  int running = 0;
+  if (!self->FExitState.compare_exchange_strong(running, 1)) delete self;  // given up by its owner
+  return result;
 }
 
 }  // namespace kl

@@ -40,10 +40,15 @@ class TThread {
   void Terminate() { FTerminated.store(true); }
   bool Terminated() const { return FTerminated.load(); }
   bool Finished() const { return FFinished.load(); }
-  // Waits for the body to return; returns the exit code. Returns at once on the
-  // thread itself or when it never started.
+  // Waits for the body to return; returns the exit code. Returns at once when it never
+  // started; raises std::logic_error on the thread itself.
   uint32_t WaitFor();
   HANDLE Handle() const { return FHandle; }
+  // For an owner that cannot wait for the thread (destroyed by code running on this
+  // very thread, or giving up on a body blocked in a system call): the object deletes
+  // itself when the body returns. True when the owner must now let go of the object;
+  // false when the body has already returned (destroy the object as usual).
+  bool FreeOnExit();
   DWORD ThreadID() const { return FThreadID; }
   uint32_t ReturnValue = 0;
 
@@ -60,6 +65,8 @@ class TThread {
   bool FStarted = false;
   std::atomic<bool> FTerminated{false};
   std::atomic<bool> FFinished{false};
+  // 0 while the body runs, 1 once it has returned, 2 when the object frees itself.
+  std::atomic<int> FExitState{0};
 };
 
 }  // namespace kl

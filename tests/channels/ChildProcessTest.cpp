@@ -7,6 +7,7 @@
 
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ChannelsTestUtil.h"
@@ -248,4 +249,26 @@ TEST(ChildProcess, KilledChildDeadStreamsAndHandles) {
   }
   // Each child leaves exactly its thread handle behind, no more.
   EXPECT_LE(chtest::HandleCount(), before + 4);
+}
+
+TEST(ChildProcess, ConcurrentChildrenInheritOnlyTheirOwnPipes) {
+  // One thread starts long-lived children while another starts short ones: a
+  // long-lived child that inherited a short one's pipe end would keep that pipe open,
+  // and the short one's reader would wait out its whole time-out after the exit.
+  std::vector<ComPtr<IChildProcess3>> sleepers;
+  std::thread other([&] {
+    for (int i = 0; i < 8; ++i) sleepers.push_back(Start("sleep", {"40000"}));
+  });
+  for (int i = 0; i < 8; ++i) {
+    auto child = Start("emit", {"x", ""});
+    ASSERT_TRUE(child);
+    TStopwatch w;
+    EXPECT_EQ(child->ReadFromChildStdout(40000), "x");
+    EXPECT_LT(w.Ms(), 20000u) << "round " << i;
+  }
+  other.join();
+  for (auto& s : sleepers) {
+    ASSERT_TRUE(s);
+    TerminateProcess(s->GetProc(), 9);
+  }
 }

@@ -135,6 +135,18 @@ TEST(MemoryBuffer, BadArgumentsAndBadStreams) {
   EXPECT_EQ(MessageOf([&] { s.Read(buf, 10); }), "TMemoryBuffer.Read timeout");
   EXPECT_GE(GetTickCount64() - t0, 14900u);
   SetEvent(stuck.Release);  // lets the reader thread go, so that the buffer can be destroyed
+
+  // Destroyed while its reader is still blocked: given up after 3 s, not waited for
+  // without end. The stream outlives the test, as the abandoned reader still holds it.
+  static TBadStream blocked;
+  const std::string gaveUp = chtest::LogOf([&] {
+    TMemoryBuffer g(&blocked, 0, 1000, 100);
+    g.SetPosition(0);  // hands the blocks to the reader
+  });
+  EXPECT_NE(gaveUp.find("Warning: TMemoryBuffer.Destroy: the reader thread is still blocked in its stream"),
+            std::string::npos)
+      << gaveUp;
+  SetEvent(blocked.Release);
 }
 
 TEST(MemoryBuffer, UnitPipeHasNoLockAndNoSkipping) {

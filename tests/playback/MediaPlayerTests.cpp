@@ -122,7 +122,11 @@ TEST(MediaPlayer, VolumeScalesSixteenBitSamplesAndEightBitOnesAsSigned) {
   TklMediaPlayer p;
   p.SetVolume(0.5f);
   EXPECT_EQ(0.5f, p.GetVolume());
+  TSentRecorder sent(p);
   TRun r = PlayToEnd(p, WavSource(WriteWav(dir, "a.wav", frames), true).Get(), 5000);
+  // The event sees the source's own samples: the volume comes after it.
+  EXPECT_TRUE(sent.Bytes() == Bytes(frames)) << sent.Bytes().size() << " bytes sent";
+  p.SetOnSendingWavBlock(nullptr);
   const auto half = Scaled(frames, 0.5);
   TPlayed played = Analyse(r.Captured, half);
   EXPECT_EQ(0, played.Foreign);  // every value halved, none left as it was
@@ -412,4 +416,57 @@ TEST(MediaPlayer, CloseDestroyAndSourceChangeDuringPlaybackEndCleanly) {
   ASSERT_TRUE(p.Play());
   Sleep(300);
   EXPECT_GT(p.GetPosition(), 100);
+}
+
+TEST(MediaPlayer, EveryQuickStartOfAShortFilePlays) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const std::string path = dir / "short.mp3";
+  ASSERT_EQ(0u, kltest::Ffmpeg("-f lavfi -i \"sine=f=440:d=3:r=44100\" -ac 2 -c:a libmp3lame " + kltest::Quote(path))
+                    .ExitCode);
+  TklMediaPlayer p;
+  TSentRecorder sent(p);
+  // Play at once after SetSource, while the buffer thread may be reading the whole
+  // file: both first blocks must go out every time.
+  for (int i = 0; i < 40; ++i) {
+    const size_t before = sent.Bytes().size();
+    p.SetSource(ComPtr<ISoundStream>(new kl::USoundStreams::TMp3FileSoundStream(path)).Get());
+    ASSERT_TRUE(p.Play());
+    ASSERT_EQ(pmPlaying, p.GetMode()) << "start " << i;
+    ASSERT_GE(sent.Bytes().size(), before + 2 * 17640) << "start " << i;
+  }
+  p.Stop();
+}
+
+TEST(MediaPlayer, HandlersThatWaitForTheHostsThreadHangNeitherStopNorTheDestructor) {
+  REQUIRE_CAPTURE();
+  kltest::TTempDir dir;
+  const std::string a = WriteWav(dir, "a.wav", Pattern(RATE));
+  HWND host = CreateWindowExA(0, "STATIC", "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+  ASSERT_NE(nullptr, host);
+  std::atomic<int> answered{0};
+  {
+    // The usual meter: the handler hands each block to the host's window and waits.
+    TklMediaPlayer p;
+    auto toHost = [&] {
+      SendMessageA(host, WM_NULL, 0, 0);
+      ++answered;
+    };
+    p.SetOnSendingWavBlock([&](void*, int32_t) {
+      Sleep(20);
+      toHost();
+    });
+    p.SetOnFinish([&](void*) { toHost(); });
+    for (int round = 0; round < 4; ++round) {
+      p.SetSource(WavSource(a, true).Get());
+      ASSERT_TRUE(p.Play());
+      Sleep(round == 3 ? 1500 : 150 + 50 * round);  // the last round plays to the end
+      p.Stop();
+      EXPECT_EQ(pmStopped, p.GetMode());
+    }
+    p.SetSource(WavSource(a, true).Get());
+    ASSERT_TRUE(p.Play());
+  }  // destroyed while playing, with a handler possibly waiting for this thread
+  EXPECT_GT(answered.load(), 8);
+  DestroyWindow(host);
 }
