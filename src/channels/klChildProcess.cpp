@@ -86,6 +86,8 @@ bool STDMETHODCALLTYPE TChildWritableStream::WriteString(const std::string& S, i
 
 // --- TChildReadableStream -----------------------------------------------------------
 
+TChildReadableStream::~TChildReadableStream() = default;  // the handle owner closes it
+
 bool TChildReadableStream::WaitForData(int32_t ATimeout, DWORD& Available) {
   const DWORD start = GetTickCount();
   for (;;) {
