@@ -142,6 +142,7 @@ TEST(MemoryBuffer, BadArgumentsAndBadStreams) {
   const std::string gaveUp = chtest::LogOf([&] {
     TMemoryBuffer g(&blocked, 0, 1000, 100);
     g.SetPosition(0);  // hands the blocks to the reader
+    Sleep(300);        // and lets it take one
   });
   EXPECT_NE(gaveUp.find("Warning: TMemoryBuffer.Destroy: the reader thread is still blocked in its stream"),
             std::string::npos)

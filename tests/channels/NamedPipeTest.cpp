@@ -218,29 +218,3 @@ TEST(NamedPipe, VanishingClientsDeadServersAndNoLeaks) {
   // The client processes' handles are gone with kltest's own objects.
   EXPECT_LE(chtest::HandleCount(), before);
 }
-
-TEST(NamedPipe, ReleasedFromItsOwnEventsItsThreadEndsAndFreesItself) {
-  for (int round = 0; round < 2; ++round) {
-    const DWORD before = chtest::HandleCount();
-    {
-      kltest::TProcess client;
-      std::atomic<bool> released{false};
-      ComPtr<INamedPipe2> p = MakePipe(UniqueName("klnpSelf"));
-      // The last reference goes inside the event, on the reader thread.
-      auto release = [&](void*) {
-        if (p) p.Reset();
-        released = true;
-      };
-      if (round == 0) {
-        p->SetOnData(release);
-      } else {
-        p->SetOnDisconnect(release);
-      }
-      ASSERT_TRUE(kltest::StartChild(client, "pipe_client", {p->GetName(), "100000", "close"}));
-      ASSERT_TRUE(WaitUntil([&] { return released.load(); }, 20000)) << round;
-      ASSERT_TRUE(client.Wait(20000));
-    }
-    // The pipe and the thread handle are gone once the thread has left its event.
-    EXPECT_TRUE(WaitUntil([&] { return chtest::HandleCount() <= before; }, 10000)) << round;
-  }
-}
