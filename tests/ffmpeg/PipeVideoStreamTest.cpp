@@ -28,18 +28,6 @@ std::string PipeName(const char* Base) {
   return Base + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++n);
 }
 
-// The bitmap's rows without their padding, as ffmpeg wrote them.
-std::string PackedRows(IVideoStream* S) {
-  const auto h = S->GetVideoInfo().Header;
-  void* data = nullptr;
-  const int32_t size = S->GetFrameData(data);
-  const int32_t row = h.biWidth * h.biBitCount / 8;
-  const int32_t stride = size / h.biHeight;
-  std::string out;
-  for (int32_t y = 0; y < h.biHeight; ++y) out.append(static_cast<const char*>(data) + y * stride, row);
-  return out;
-}
-
 }  // namespace
 
 // Connects to pipe Args[0], writes Args[1] bytes, then stays until killed.
@@ -57,21 +45,13 @@ KL_CHILD_ROLE(frame_writer_hangs) {
   return 0;
 }
 
-TEST(PipeVideoStream, FactoryRefusesBadDescriptions) {
-  ComPtr<INamedPipe2> pipe(new TNamedPipe(PipeName("klpvsBad"), 1));
-  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 16, 25), pipe.Get()));
-  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 32, 0), pipe.Get()));
-  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 32, std::nanf("")), pipe.Get()));
-  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 0, 32, 25), pipe.Get()));
-  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 32, 25), nullptr));
-  ComPtr<IVideoStream> s = TPipeVideoStream::Create(VideoInfo(7, 3, 24, 25), pipe.Get());
-  ASSERT_TRUE(s);
-  void* data = nullptr;
-  EXPECT_EQ(s->GetFrameData(data), 24 * 3);  // 21-byte rows in a 24-byte stride
-  EXPECT_NE(data, nullptr);
-}
-
 TEST(PipeVideoStream, FramesEqualFfmpegsOwnRawOutput) {
+  ComPtr<INamedPipe2> bad(new TNamedPipe(PipeName("klpvsBad"), 1));
+  for (const auto& info : {VideoInfo(8, 8, 16, 25), VideoInfo(8, 8, 32, 0), VideoInfo(8, 8, 32, std::nanf("")),
+                           VideoInfo(8, 0, 32, 25)}) {
+    EXPECT_FALSE(TPipeVideoStream::Create(info, bad.Get()));
+  }
+  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 32, 25), nullptr));
   kltest::TTempDir dir;
   for (const char* fmt : {"bgr24", "rgb32"}) {
     SCOPED_TRACE(fmt);
@@ -92,7 +72,13 @@ TEST(PipeVideoStream, FramesEqualFfmpegsOwnRawOutput) {
     for (size_t i = 0; i < 10; ++i) {
       ASSERT_TRUE(s->GetFrame(frame)) << i;
       EXPECT_NE(frame, 0u);
-      EXPECT_TRUE(PackedRows(s.Get()) == ref.substr(i * frameSize, frameSize)) << i;
+      void* data = nullptr;
+      const int32_t stride = (642 * bits / 8 + 3) / 4 * 4;  // 1926-byte rows go into 1928 for bgr24
+      ASSERT_EQ(s->GetFrameData(data), stride * 40);
+      for (size_t y = 0; y < 40; ++y) {
+        ASSERT_EQ(std::memcmp(static_cast<char*>(data) + y * stride, ref.data() + i * frameSize + y * 642 * bits / 8,
+                              642 * bits / 8), 0) << i << " " << y;
+      }
     }
     writer.join();
     EXPECT_EQ(r.ExitCode, 0u) << r.Err;
