@@ -1,5 +1,6 @@
 // The frames player of the klMediaPlayer unit (declared in klMediaPlayer.h).
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 
 #include "diagnostics/UDib.h"
@@ -115,7 +116,9 @@ bool TFramesPlayer::NextFrame() {
   }
   // Due time of frame FFrameCount against the origin, minus the time already gone
   // (unsigned difference: correct across the 49.7-day wrap).
-  const int64_t due = Round(FFrameCount / static_cast<double>(fps) / FSpeed.load() * 1000);
+  // A speed of 0 makes the due time infinite: the timer is then refused, not a crash.
+  const double dueMs = FFrameCount / static_cast<double>(fps) / FSpeed.load() * 1000;
+  const int64_t due = std::isfinite(dueMs) ? Round(std::min(dueMs, 4e9)) : INT32_MAX;
   const int64_t elapsed = static_cast<uint32_t>(Ticks() - FStartTicks);
   const int32_t interval = static_cast<int32_t>(std::clamp<int64_t>(due - elapsed, 1, INT32_MAX));
   klLog::AddToEventLog(Format("TFramesPlayer.NextFrame: %d Interval: %d", FFrameCount, interval),
