@@ -446,6 +446,7 @@ bool TAcmConverter::Open() {
   }
   FPrepared = true;
   FFirstConvert = true;
+  FCarry = 0;
   return true;
 }
 
@@ -484,22 +485,27 @@ bool STDMETHODCALLTYPE TAcmConverter::Write(const void* Data, int32_t DataSize) 
 
 bool TAcmConverter::Convert(bool Flush) {
   for (;;) {
-    if (!Flush && static_cast<uint32_t>(FPipe.GetSizeToRead()) < FSrcSize) return true;
-    const int32_t n = FPipe.Read(FSrc.data(), static_cast<int32_t>(FSrcSize));
+    const uint32_t room = FSrcSize - FCarry;
+    if (!Flush && static_cast<uint32_t>(FPipe.GetSizeToRead()) < room) return true;
+    const int32_t got = room == 0 ? 0 : FPipe.Read(FSrc.data() + FCarry, static_cast<int32_t>(room));
+    const int32_t n = static_cast<int32_t>(FCarry) + std::max(0, got);
     DWORD flags = 0;
     if (FFirstConvert) {
       flags |= ACM_STREAMCONVERTF_START;
       FFirstConvert = false;
     }
-    const bool last = n < 0 || static_cast<uint32_t>(n) < FSrcSize || Flush;
+    const bool last = got < 0 || static_cast<uint32_t>(got) < room || Flush;
     flags |= last ? ACM_STREAMCONVERTF_END : ACM_STREAMCONVERTF_BLOCKALIGN;
-    FHeader.cbSrcLength = static_cast<DWORD>(std::max(0, n));
+    FHeader.cbSrcLength = static_cast<DWORD>(n);
     FHeader.cbDstLengthUsed = 0;
     const MMRESULT r = acmStreamConvert(FStream, &FHeader, flags);
     if (r != 0) {
       Fail(AcmErrorText(r));
       return false;
     }
+    const DWORD taken = std::min<DWORD>(FHeader.cbSrcLengthUsed, static_cast<DWORD>(n));
+    FCarry = !last && taken > 0 && taken < static_cast<DWORD>(n) ? static_cast<uint32_t>(n) - taken : 0;
+    if (FCarry > 0) std::memmove(FSrc.data(), FSrc.data() + taken, FCarry);
     DWORD used = std::min<DWORD>(FHeader.cbDstLengthUsed, FDstSize);
     // A resampler may hold back a few frames of a block; repeating the block's last
     // frames keeps every tenth of a second exactly as long as its input.
@@ -520,7 +526,7 @@ bool TAcmConverter::Convert(bool Flush) {
       Fail("TAcmConverter.Convert: Next.Write error");
       return false;
     }
-    if (n < 0 || static_cast<uint32_t>(n) < FSrcSize) return true;
+    if (last) return true;
   }
 }
 
@@ -530,6 +536,16 @@ bool STDMETHODCALLTYPE TAcmConverter::Finish() {
   if (!result) return false;
   if (FStream != nullptr) {
     Convert(true);
+    Close();
+  }
+  FPipe.Clear();
+  return result;
+}
+
+bool TAcmConverter::Flush() {
+  bool result = true;
+  if (FStream != nullptr) {
+    result = Convert(true);
     Close();
   }
   FPipe.Clear();
@@ -646,8 +662,14 @@ bool STDMETHODCALLTYPE TAudioConverter::Finish() {
   AddToConverterLog("TBaseAudioConverter.Finish: " + FClassName);
   if (FFinished) return false;
   FFinished = true;
-  // The first stage finishes the next one and so on down to the sink.
-  if (!FSubItems.empty() && !FChanged) return FSubItems.front()->Finish();
+  if (!FSubItems.empty() && !FChanged) {
+    // A stage's Finish finishes the next writer before converting its own tail: that
+    // tail would reach a file writer already closed, which starts its file again.
+    bool flushed = true;
+    for (auto& stage : FSubItems) flushed = stage->Flush() && flushed;
+    // The first stage finishes the next one and so on down to the sink.
+    return FSubItems.front()->Finish() && flushed;
+  }
   return FNext ? FNext->Finish() : true;
 }
 

@@ -96,6 +96,9 @@ class TBaseAudioConverter : public TInterfacedObject<IWritable, IAudioConverter>
 
   // Called before a new input or output format is stored.
   virtual void SetChanged() {}
+  // Passes on whatever the converter still holds, without finishing anything; the chain
+  // runs this on its stages first to last before the finish goes down.
+  virtual bool Flush() { return true; }
 
   const std::string& GetName() const { return FName; }
   const std::string& ClassName() const { return FClassName; }
@@ -145,6 +148,8 @@ class TAcmConverter : public TBaseAudioConverter {
   bool STDMETHODCALLTYPE Write(const void* Data, int32_t DataSize) override;
   // Finishes the next writer first, then converts what is still queued into it.
   bool STDMETHODCALLTYPE Finish() override;
+  // Converts what is still queued into the next writer and closes the stream.
+  bool Flush() override;
 
   bool IsOpen() const { return FStream != nullptr; }
   uint32_t GetSrcSize() const { return FSrcSize; }
@@ -166,6 +171,9 @@ class TAcmConverter : public TBaseAudioConverter {
   uint32_t FDstSize = 0;
   bool FFirstConvert = true;
   bool FPcmToPcm = false;
+  // Source bytes the codec left unconverted (a block encoder takes whole blocks only):
+  // they stay at the front of the source buffer for the next conversion.
+  uint32_t FCarry = 0;
 };
 
 // Any format to any format: builds its chain of stages from the two formats the first
@@ -175,8 +183,9 @@ class TAudioConverter : public TBaseAudioConverter {
   TAudioConverter();
   ~TAudioConverter() override;
   bool STDMETHODCALLTYPE Write(const void* Data, int32_t DataSize) override;
-  // Finishes the chain from its first stage (which finishes the sink last of all), or
-  // the sink itself when the data went straight through.
+  // Flushes the stages first to last, so that each one's tail reaches the next while it
+  // still takes data, then finishes the chain from its first stage (which finishes the
+  // sink last of all), or the sink itself when the data went straight through.
   bool STDMETHODCALLTYPE Finish() override;
   void SetChanged() override { FChanged = true; }
 

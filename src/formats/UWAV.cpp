@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "diagnostics/klFiles.h"
 #include "rtl/SysUtils.h"
 
 namespace kl::UWAV {
@@ -86,6 +87,57 @@ void FlushKeepingPosition(HMMIO Handle) {
   const LONG pos = mmioSeek(Handle, 0, SEEK_CUR);
   mmioFlush(Handle, MMIO_EMPTYBUF);
   if (pos >= 0) mmioSeek(Handle, pos, SEEK_SET);
+}
+
+// The largest "fmt " chunk a format record can need: 18 bytes and a 16-bit cbSize.
+constexpr uint32_t kMaxFormatSize = 18u + 0xFFFFu;
+
+struct TChunkSpot {
+  bool Found = false;
+  int64_t At = 0;    // file offset of the chunk's body
+  uint32_t Size = 0;  // as the header says
+  int64_t Held = 0;  // what the file really holds of it
+};
+
+struct TChunkWalk {
+  TChunkSpot Fmt;
+  TChunkSpot Data;
+};
+
+// Finds the first "fmt " and "data" chunks behind the RIFF header by walking the chunk
+// headers in 64 bits against the file's size. The system's chunk search adds sizes in
+// 32 bits: a size of 0xFFFFFFF8 brings it back to the same chunk for ever. Here such a
+// size ends the walk at the end of the file.
+TChunkWalk WalkChunks(HMMIO Handle, int64_t FileSize) {
+  TChunkWalk walk;
+  int64_t pos = 12;
+  while (!(walk.Fmt.Found && walk.Data.Found) && pos + 8 <= FileSize &&
+         pos + 8 <= std::numeric_limits<LONG>::max()) {
+    char header[8];
+    if (mmioSeek(Handle, static_cast<LONG>(pos), SEEK_SET) != static_cast<LONG>(pos) ||
+        mmioRead(Handle, header, 8) != 8) {
+      break;
+    }
+    uint32_t size = 0;
+    std::memcpy(&size, header + 4, 4);
+    const int64_t body = pos + 8;
+    const TChunkSpot spot{true, body, size, std::min<int64_t>(size, FileSize - body)};
+    if (std::memcmp(header, "fmt ", 4) == 0 && !walk.Fmt.Found) walk.Fmt = spot;
+    if (std::memcmp(header, "data", 4) == 0 && !walk.Data.Found) walk.Data = spot;
+    pos = body + size + (size & 1);
+  }
+  return walk;
+}
+
+// A header field must not drive gigabytes: a source rate of 1 Hz would turn every frame
+// into tens of thousands of output samples, 32768 channels would overflow the read size.
+// Real files stay far inside these bounds.
+constexpr uint32_t kMinRate = 1000;
+constexpr uint32_t kMaxRate = 768000;
+constexpr uint16_t kMaxChannels = 64;
+bool PlausibleSource(const WAVEFORMATEX& F) {
+  return F.nChannels >= 1 && F.nChannels <= kMaxChannels && F.nSamplesPerSec >= kMinRate &&
+         F.nSamplesPerSec <= kMaxRate && F.nBlockAlign > 0;
 }
 
 struct TAcmStream {
@@ -188,37 +240,52 @@ void TWAVFile::Open() {
   if (FHandle == nullptr) {
     throw Exception("TWAVFile: cannot open file " + FFileName + "\r\n" + SystemText(GetLastError()));
   }
-  FRiff.fccType = FourCC("WAVE");
-  if (mmioDescend(FHandle, &FRiff, nullptr, MMIO_FINDRIFF) != MMSYSERR_NOERROR) {
+  WIN32_FILE_ATTRIBUTE_DATA attributes{};
+  if (!GetFileAttributesExA(FFileName.c_str(), GetFileExInfoStandard, &attributes)) {
+    throw Exception("TWAVFile: cannot open file " + FFileName + "\r\n" + SystemText(GetLastError()));
+  }
+  const int64_t fileSize =
+      static_cast<int64_t>((static_cast<uint64_t>(attributes.nFileSizeHigh) << 32) | attributes.nFileSizeLow);
+  char head[12] = {};
+  if (mmioRead(FHandle, head, 12) != 12 || std::memcmp(head, "RIFF", 4) != 0 || std::memcmp(head + 8, "WAVE", 4) != 0) {
     throw Exception("TWAVFile: RIFF not found");
   }
+  FRiff.ckid = FourCC("RIFF");
+  std::memcpy(&FRiff.cksize, head + 4, 4);
+  FRiff.fccType = FourCC("WAVE");
+  FRiff.dwDataOffset = 8;
+  const TChunkWalk walk = WalkChunks(FHandle, fileSize);
+  // A "fmt " chunk that runs past the end of the file is damaged, not a format to load;
+  // nor is one larger than the biggest record a cbSize can describe.
+  if (!walk.Fmt.Found || walk.Fmt.Held < walk.Fmt.Size || walk.Fmt.Size > kMaxFormatSize) {
+    throw Exception("TWAVFile: FMT not found");
+  }
   FFmt.ckid = FourCC("fmt ");
-  if (mmioDescend(FHandle, &FFmt, &FRiff, MMIO_FINDCHUNK) != MMSYSERR_NOERROR) {
-    throw Exception("TWAVFile: FMT not found");
-  }
-  // A chunk that claims more than the file holds is damaged, not a format to load.
-  const LONG here = mmioSeek(FHandle, 0, SEEK_CUR);
-  const LONG end = mmioSeek(FHandle, 0, SEEK_END);
-  mmioSeek(FHandle, here, SEEK_SET);
-  if (here < 0 || end < here || FFmt.cksize > static_cast<DWORD>(end - here)) {
-    throw Exception("TWAVFile: FMT not found");
-  }
+  FFmt.cksize = walk.Fmt.Size;
+  FFmt.dwDataOffset = static_cast<DWORD>(walk.Fmt.At);
   // At least a whole WAVEFORMATEX, zero-filled: 16-byte PCM chunks have no cbSize.
   FFormat.assign(std::max<size_t>(FFmt.cksize, sizeof(WAVEFORMATEX)), 0);
   if (FFmt.cksize > 0 &&
-      mmioRead(FHandle, reinterpret_cast<HPSTR>(FFormat.data()), static_cast<LONG>(FFmt.cksize)) !=
-          static_cast<LONG>(FFmt.cksize)) {
+      (mmioSeek(FHandle, static_cast<LONG>(walk.Fmt.At), SEEK_SET) < 0 ||
+       mmioRead(FHandle, reinterpret_cast<HPSTR>(FFormat.data()), static_cast<LONG>(FFmt.cksize)) !=
+           static_cast<LONG>(FFmt.cksize))) {
     throw Exception("TWAVFile: FMT not found");
   }
-  mmioAscend(FHandle, &FFmt, 0);
   // Whoever copies GetWaveFormatSize bytes of the format must find them all.
   const size_t whole = GetWaveFormatSize(Format());
   if (FFormat.size() < whole) FFormat.resize(whole, 0);
   if (!BitsPass(Format()->wBitsPerSample)) throw Exception("TWAVFile.Create: Invalid BitsPerSample");
-  FData.ckid = FourCC("data");
-  if (mmioDescend(FHandle, &FData, &FRiff, MMIO_FINDCHUNK) != MMSYSERR_NOERROR) {
-    throw Exception("TWAVFile: DATA not found");
+  if (!walk.Data.Found) throw Exception("TWAVFile: DATA not found");
+  // Streaming writers leave 0xFFFFFFFF, a cut file claims more than it holds: the data
+  // is what the file really holds. Offsets and sizes are 32-bit signed: data that
+  // reaches past 2 GiB cannot be addressed and is refused.
+  if (walk.Data.At + walk.Data.Held > std::numeric_limits<int32_t>::max()) {
+    throw Exception("TWAVFile: DATA too large");
   }
+  FData.ckid = FourCC("data");
+  FData.cksize = static_cast<DWORD>(walk.Data.Held);
+  FData.dwDataOffset = static_cast<DWORD>(walk.Data.At);
+  mmioSeek(FHandle, static_cast<LONG>(walk.Data.At), SEEK_SET);
 }
 
 void TWAVFile::CreateNew(const WAVEFORMATEX* Format) {
@@ -307,7 +374,7 @@ void TWAVFile::Save() {
 
 bool TWAVFile::ConvertToPCM(const std::string& FileName) {
   return Checkpoint("UWAV.@007-500@: ", [&]() -> bool {
-    if (FileName.empty() || Format() == nullptr) return false;
+    if (FileName.empty() || Format() == nullptr || !PlausibleSource(*Format())) return false;
     // The whole source format, extra bytes included: the ADPCM and GSM drivers refuse
     // a format cut to 18 bytes (they need wSamplesPerBlock and the like).
     std::vector<uint8_t> srcBlock(FFormat);
@@ -330,7 +397,11 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
     DWORD whole = 0;
     if (acmStreamSize(stream.Handle, s, &whole, ACM_STREAMSIZEF_SOURCE) != 0) whole = 0;
     const int64_t d64 = std::max<int64_t>(whole, Round(static_cast<double>(s) * dst.nBlockAlign / src.nBlockAlign));
-    if (d64 <= 0 || d64 > std::numeric_limits<int32_t>::max()) return false;
+    // A damaged record (an ADPCM block align that disagrees with its samples per block)
+    // makes the driver promise hundreds of megabytes per read: no real codec needs more
+    // than a few megabytes for the 4410 bytes read here.
+    constexpr int64_t kMaxBuffer = 16 << 20;
+    if (d64 <= 0 || d64 > kMaxBuffer || s > kMaxBuffer) return false;
     const DWORD d = static_cast<DWORD>(d64);
     std::vector<uint8_t> srcBuf(s), dstBuf(d, 0);
     ACMSTREAMHEADER header{};
@@ -373,16 +444,18 @@ bool TWAVFile::SaveAs(const std::string& FileName, int32_t SamplesPerSec, int32_
     if (!Mono) throw Exception("TWAVFile.SaveAs: Stereo not released");
     if (Format() == nullptr) return false;
     if (Format()->wFormatTag != WAVE_FORMAT_PCM) {
+      if (!PlausibleSource(*Format())) return false;
+      // A name of its own, made on the spot: the target's name in the temp folder can be
+      // this very file (or another caller's temporary file).
       static const std::string tempDir = GetTempDir();
-      const std::string temp = tempDir + ExtractFileName(FileName);
+      std::string temp = tempDir + ExtractFileName(FileName);
+      if (!klFiles::CreateUniqueFileStream(temp)) return false;
       bool result = false;
       if (ConvertToPCM(temp) && FileExists(temp)) {
-        {
-          TWAVFile pcm(temp);
-          result = pcm.SaveAs(FileName, SamplesPerSec, BitsPerSample, Mono);
-        }
-        RemoveFile(temp);
+        TWAVFile pcm(temp);
+        result = pcm.SaveAs(FileName, SamplesPerSec, BitsPerSample, Mono);
       }
+      RemoveFile(temp);
       return result;
     }
     return SaveAsPcm(FileName, SamplesPerSec, BitsPerSample);
@@ -402,12 +475,13 @@ bool TWAVFile::SaveAsPcm(const std::string& FileName, int32_t SamplesPerSec, int
   }
   // Only 8- and 16-bit samples have a reader and a writer.
   if ((f.wBitsPerSample != 8 && f.wBitsPerSample != 16) || (BitsPerSample != 8 && BitsPerSample != 16) ||
-      f.nChannels == 0 || f.nSamplesPerSec == 0) {
+      !PlausibleSource(f)) {
     return false;
   }
   const int channels = f.nChannels;
   const int frameSize = channels * (f.wBitsPerSample == 8 ? 1 : 2);
   const int readMul = f.nSamplesPerSec == 22050 ? 2 : f.nSamplesPerSec == 44100 ? 4 : 1;
+  // At most 64 channels of 2 bytes: under 6 MB, far from the 32-bit limit.
   const int readSize = frameSize * 11025 * readMul;
   const int outSample = BitsPerSample == 8 ? 1 : 2;
   const int up = std::max<int>(1, SamplesPerSec / static_cast<int>(f.nSamplesPerSec));

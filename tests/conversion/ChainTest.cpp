@@ -180,3 +180,54 @@ TEST(ConverterLog, EntriesBesideTheExecutable) {
   // Nothing is written for an empty message: no entry ends in a bare stamp.
   EXPECT_FALSE(std::regex_search(log, std::regex(stamp + "\r\n\r\n")));
 }
+
+// A chain that ends in a WAV writer leaves the whole file: every stage converts what it
+// still holds before the writer learns that nothing more follows.
+TEST(Chain, ChainsIntoWavFilesKeepEveryByte) {
+  TBoxRecorder boxes;
+  kltest::TTempDir dir;
+  const int frames = 22050 * 2 + 777;
+  std::vector<uint8_t> ima(20, 0);
+  auto* f = reinterpret_cast<WAVEFORMATEX*>(ima.data());
+  *f = {WAVE_FORMAT_IMA_ADPCM, 1, 22050, 22050 * 256 / 505, 256, 4, 2};
+  const uint16_t samplesPerBlock = 505;
+  std::memcpy(ima.data() + 18, &samplesPerBlock, 2);
+  const auto floats = kltest::tempo::ToneFloat(440, 22050, frames, 1);
+  struct Case {
+    const char* name;
+    std::vector<uint8_t> in, out;
+    std::string data;
+    int rate, channels;
+    std::vector<int16_t> want;
+    double tolerance;  // RMS against the ideal tone
+    size_t slack;      // frames the codec may keep back at the end
+  } cases[] = {
+      {"ima.wav", Float32(22050, 1), ima, std::string(reinterpret_cast<const char*>(floats.data()), floats.size() * 4),
+       22050, 1, kltest::tempo::Tone<int16_t>(440, 22050, frames, 1, 16383.5), 600, 505},
+      {"up.wav", Pcm(22050, 1), Pcm(44100, 2), Bytes16(kltest::tempo::Tone16(440, 22050, frames, 1)), 44100, 2,
+       kltest::tempo::Tone16(440, 44100, frames * 2, 2), 600, 64},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string name = dir / c.name;
+    auto file = CreateAudioFile(name);
+    ASSERT_TRUE(file->SetFormat(W(c.out)));
+    auto conv = MakeConverter(c.in, c.out, file.Get());
+    ASSERT_TRUE(WriteInPieces(conv.Get(), c.data, 3000));
+    ASSERT_TRUE(conv->Finish());
+    const std::string bytes = kltest::ReadFileBytes(name);
+    uint32_t riff = 0, data = 0;
+    ASSERT_GT(bytes.size(), 46u);
+    std::memcpy(&riff, bytes.data() + 4, 4);
+    std::memcpy(&data, bytes.data() + 42, 4);
+    EXPECT_EQ(std::vector<size_t>({riff, data}), std::vector<size_t>({bytes.size() - 8, bytes.size() - 46}));
+    const auto back = AsSamples16(FfmpegDecode(dir, name, c.rate, c.channels));
+    const size_t wantFrames = c.want.size() / c.channels;
+    EXPECT_LE(back.size() / c.channels, wantFrames + c.slack);
+    ASSERT_GE(back.size() / c.channels + c.slack, wantFrames);
+    double sum = 0;
+    const size_t n = std::min(back.size(), c.want.size());
+    for (size_t i = 0; i < n; ++i) sum += (double(back[i]) - c.want[i]) * (double(back[i]) - c.want[i]);
+    EXPECT_LT(std::sqrt(sum / n), c.tolerance);
+  }
+}

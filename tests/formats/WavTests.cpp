@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <future>
 #include <random>
 
 #include "KlTest.h"
@@ -323,4 +326,104 @@ TEST(WavDamaged, CorruptedFilesEndInTaggedExceptionsOrZero) {
   }
   std::printf("%zu damaged files: %d opened, %d raised\n", variants.size(), opened, raised);
   EXPECT_GT(raised, 50);
+}
+
+// Sizes that bring the system's 32-bit chunk search back to the same chunk, data sizes
+// past the file (streaming writers leave 0xFFFFFFFF), data beyond 2 GiB in a sparse
+// file: each opens with what the file holds or refuses, within a hang bound.
+TEST(WavDamaged, ChunkSizesAreCheckedAgainstTheFile) {
+  TTempDir dir;
+  const std::string fmt = Chunk("fmt ", PcmFmt(1, 8000, 16));
+  const auto sized = [](const std::string& Id, uint32_t Size, const std::string& Body) {
+    return Id + std::string(reinterpret_cast<const char*>(&Size), 4) + Body;
+  };
+  struct Case {
+    std::string bytes;
+    const char* error;
+    int32_t dataSize;
+  } cases[] = {
+      {Riff(fmt + sized("LIST", 0xFFFFFFF8u, "abcd") + Chunk("data", "abcd")), "TWAVFile: DATA not found", 0},
+      {Riff(fmt + sized("LIST", 0xFFFFFFF7u, "abcd") + Chunk("data", "abcd")), "TWAVFile: DATA not found", 0},
+      {Riff(sized("JUNK", 0xFFFFFFF8u, "") + fmt + Chunk("data", "abcd")), "TWAVFile: FMT not found", 0},
+      {Riff(fmt + sized("data", 0xFFFFFFFFu, "abcdef")), "", 6},
+      {Riff(fmt + sized("data", 0x80000000u, "abcdefgh")), "", 8},
+  };
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const std::string name = dir / kl::Format("w%zu.wav", i);
+    kltest::WriteFileBytes(name, cases[i].bytes);
+    auto opened = std::async(std::launch::async, [&] {
+      try {
+        TWAVFile f(name);
+        return kl::Format("%d", f.GetDataSize());
+      } catch (const kl::Exception& e) {
+        return std::string(e.what());
+      }
+    });
+    if (opened.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+      std::printf("opening w%zu.wav hangs\n", i);
+      std::fflush(stdout);
+      std::_Exit(3);
+    }
+    const std::string want = *cases[i].error ? std::string("UWAV.@137-551@: ") + cases[i].error
+                                             : kl::Format("%d", cases[i].dataSize);
+    EXPECT_EQ(opened.get(), want) << i;
+  }
+  // A sparse file of 2.5 GiB: data that ends below 2 GiB opens, data past it is refused.
+  for (const auto& [size, want] : {std::pair<uint32_t, std::string>{0x7FFF0000u, "2147418112"},
+                                   {0x9FFF0000u, "UWAV.@137-551@: TWAVFile: DATA too large"}}) {
+    const std::string name = dir / "big.wav";
+    kltest::WriteFileBytes(name, Riff(fmt + sized("data", size, "")));
+    HANDLE h = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    LARGE_INTEGER end;
+    end.QuadPart = 0xA0000000LL;
+    EXPECT_TRUE(SetFilePointerEx(h, end, nullptr, FILE_BEGIN) && SetEndOfFile(h));
+    CloseHandle(h);
+    try {
+      TWAVFile f(name);
+      EXPECT_EQ(kl::Format("%d", f.GetDataSize()), want);
+      char tail[8];
+      EXPECT_EQ(f.GetData(f.GetDataSize() - 4, 8, tail), 4);
+    } catch (const kl::Exception& e) {
+      EXPECT_EQ(e.what(), want);
+    }
+    kl::RemoveFile(name);
+  }
+}
+
+// Header fields that would drive gigabytes are refused before any work.
+TEST(WavSaveAs, AbsurdFormatsAreRefused) {
+  TTempDir dir;
+  for (const auto& [channels, rate] : {std::pair<uint16_t, uint32_t>{32768, 44100}, {65527, 44100}, {1, 1}}) {
+    std::string fmt = PcmFmt(1, 8000, 16);
+    const uint16_t align = static_cast<uint16_t>(channels * 2);
+    std::memcpy(fmt.data() + 2, &channels, 2);
+    std::memcpy(fmt.data() + 4, &rate, 4);
+    std::memcpy(fmt.data() + 12, &align, 2);
+    kltest::WriteFileBytes(dir / "odd.wav", Riff(Chunk("fmt ", fmt) + Chunk("data", Pattern(20000))));
+    TWAVFile in(dir / "odd.wav");
+    EXPECT_FALSE(in.SaveAs(dir / "out.wav", 44100, 16, true)) << channels << " " << rate;
+    EXPECT_FALSE(kl::FileExists(dir / "out.wav"));
+  }
+}
+
+// A compressed file saved under its own name into another folder: the temporary PCM
+// copy must not be the source itself.
+TEST(WavSaveAs, CompressedSourceInTheTempFolderSurvives) {
+  TTempDir dir;
+  const std::string made = dir / "ima.wav";
+  ASSERT_EQ(kltest::Ffmpeg("-f lavfi -i sine=frequency=440:duration=1:sample_rate=22050 -ac 1 "
+                           "-acodec adpcm_ima_wav " + kltest::Quote(made)).ExitCode, 0u);
+  const std::string name = kl::ExtractFileName(dir.Path().substr(0, dir.Path().size() - 1)) + "_src.wav";
+  const std::string source = kl::GetTempDir() + name;
+  ASSERT_TRUE(CopyFileA(made.c_str(), source.c_str(), FALSE));
+  const std::string original = kltest::ReadFileBytes(source);
+  {
+    TWAVFile in(source);
+    EXPECT_TRUE(in.SaveAs(dir / name, 11025, 16, true));
+  }
+  EXPECT_EQ(kltest::ReadFileBytes(source), original);
+  kl::RemoveFile(source);
+  TWAVFile out(dir / name);
+  EXPECT_NEAR(out.GetDataSize(), 22050, 2048);
 }
