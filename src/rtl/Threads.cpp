@@ -56,6 +56,11 @@ uint32_t TThread::WaitFor() {
   if (GetCurrentThreadId() == FThreadID) throw std::logic_error("TThread.WaitFor: a thread cannot wait for itself");
   // Messages sent to the waiting thread are delivered meanwhile: the body may be
   // inside an event handler that sends one to this thread and waits for the answer.
+  // Only a thread with windows can be sent one; others are not made GUI threads here.
+  if (!IsGUIThread(FALSE)) {
+    WaitForSingleObject(FHandle, INFINITE);
+    return ReturnValue;
+  }
   while (MsgWaitForMultipleObjects(1, &FHandle, FALSE, INFINITE, QS_SENDMESSAGE) == WAIT_OBJECT_0 + 1) {
     MSG msg;
     PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
