@@ -28,3 +28,4 @@
 #include "playback/USoundStreams.h"
 
 #include "ffmpeg/UFfmpeg.h"
+#include "ffmpeg/UVideoStreams.h"

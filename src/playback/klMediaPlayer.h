@@ -274,4 +274,98 @@ class TklMediaPlayer {
   TNotifyEvent FOnFinish;
 };
 
+// --- frames player --------------------------------------------------------------------
+
+using TFrameEvent = std::function<void(void* Data, int32_t Size)>;
+
+// Shows an IVideoStream's frames at its frame rate times a speed on one target (a
+// window, a device context or a bitmap) and/or hands each frame to OnFrame. Each frame
+// sets a one-shot multimedia timer for the next, due at FrameCount / (FPS * Speed)
+// seconds after the clock origin, so a late frame never delays the ones after it.
+// Call the public operations from one thread; FrameProc, the draws, OnFrame and
+// OnFinish run on the system's multimedia timer thread.
+class TFramesPlayer {
+ public:
+  TFramesPlayer();
+  // Stops and waits until no timer of this player can still call into it.
+  ~TFramesPlayer();
+  TFramesPlayer(const TFramesPlayer&) = delete;
+  TFramesPlayer& operator=(const TFramesPlayer&) = delete;
+
+  // Stops first.
+  void SetSource(IVideoStream* Value);
+  ComPtr<IVideoStream> GetSource() const { return FSource; }
+
+  // Each setter clears all targets and keeps its own handle (kind none for 0).
+  void SetTargetWindow(HWND Wnd);
+  void SetTargetDC(HDC DC);
+  void SetTargetBitmap(HBITMAP BM);
+  void ClearTargets();
+  HWND GetTargetWindow() const { return FTargetWindow; }
+  HDC GetTargetDC() const { return FTargetDC; }
+  HBITMAP GetTargetBitmap() const { return FTargetBitmap; }
+  uint8_t GetTargetKind() const { return FTargetKind; }
+  // Stored normalised (left <= right, top <= bottom). Empty: the frame's own size at
+  // the origin. The frame is drawn 1:1 from its top left corner, clipped to the rectangle.
+  void SetTargetRect(const RECT& R);
+  RECT GetTargetRect() const { return FTargetRect; }
+
+  // Shows the first frame at once and schedules the rest; false (mode pmFinished when
+  // the source had no frame) when the first frame could not be fetched or drawn.
+  bool Play();
+  // The pending timer still draws one more frame, then the chain ends.
+  void Pause();
+  // Returns once no timer is pending (or the wait timed out).
+  void Stop();
+  // Restarts the clock: frame count 0, origin now.
+  void InitSync();
+  // Schedules the timer for the next frame.
+  bool NextFrame();
+  // Fetches the next frame; at the end: pmFinished and OnFinish.
+  bool PrepareFrame();
+  // OnFrame, then the prepared frame onto the target.
+  bool DrawFrame();
+  bool DrawFrameToWindow(HWND Wnd);
+  bool DrawFrameToDC(HDC DC);
+  bool DrawFrameToBitmap(HBITMAP BM);
+  // Sleeps while timers are pending, at most a frame interval + 10 ms (1 s without FPS).
+  void WaitForTimers();
+
+  // The source's (0 without one). SetPosition does not restart the clock.
+  int32_t GetPosition();
+  void SetPosition(int32_t Ms);
+  int32_t GetLength();
+  TPlayerMode GetMode() const { return FMode.load(); }
+  bool GetFinished() const { return FMode.load() == pmFinished; }
+  float GetSpeed() const { return FSpeed.load(); }
+  // Clamped to 0..100 and restarts the clock when it changes. Keep it above 0.
+  void SetSpeed(float Value);
+  TNotifyEvent GetOnFinish() const { return FOnFinish; }
+  void SetOnFinish(TNotifyEvent Value) { FOnFinish = std::move(Value); }
+  TFrameEvent GetOnFrame() const { return FOnFrame; }
+  void SetOnFrame(TFrameEvent Value) { FOnFrame = std::move(Value); }
+  int32_t GetTimers() const { return FTimers.load(); }
+
+ private:
+  static void CALLBACK FrameProc(UINT TimerID, UINT Msg, DWORD_PTR User, DWORD_PTR, DWORD_PTR);
+
+  ComPtr<IVideoStream> FSource;
+  std::atomic<TPlayerMode> FMode{pmNotReady};
+  TNotifyEvent FOnFinish;
+  TFrameEvent FOnFrame;
+  std::atomic<float> FSpeed{1.0f};
+  HDC FTargetDC = nullptr;
+  HBITMAP FTargetBitmap = nullptr;
+  HWND FTargetWindow = nullptr;
+  uint8_t FTargetKind = 0;
+  RECT FTargetRect{};
+  HBITMAP FFrame = nullptr;
+  int32_t FFrameCount = 0;
+  uint32_t FStartTicks = 0;
+  // Timers set and whose callback has not yet returned.
+  std::atomic<int32_t> FTimers{0};
+  // Timers the system refused: counted in FTimers but never coming.
+  std::atomic<int32_t> FLostTimers{0};
+};
+
 }  // namespace kl::klMediaPlayer

@@ -1,0 +1,149 @@
+// TPipeVideoStream fed through a real named pipe: by ffmpeg.exe writing raw frames, and
+// by a writer that stops mid-frame and is then killed.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "FfmpegTestUtil.h"
+#include "KlTest.h"
+#include "ffmpeg/UVideoStreams.h"
+
+using kl::ComPtr;
+using kl::klMediaPlayer::IVideoStream;
+using kl::klMediaPlayer::VideoInfo;
+using kl::UPipe::INamedPipe2;
+using kl::UPipe::TNamedPipe;
+using kl::UVideoStreams::TPipeVideoStream;
+
+namespace {
+
+std::string PipeName(const char* Base) {
+  static int n = 0;
+  return Base + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++n);
+}
+
+}  // namespace
+
+// Connects to pipe Args[0], writes Args[1] bytes, then stays until killed.
+KL_CHILD_ROLE(frame_writer_hangs) {
+  HANDLE h = INVALID_HANDLE_VALUE;
+  for (int i = 0; i < 500 && h == INVALID_HANDLE_VALUE; ++i) {
+    h = CreateFileA(Args[0].c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (h == INVALID_HANDLE_VALUE) Sleep(10);
+  }
+  if (h == INVALID_HANDLE_VALUE) return 3;
+  const std::string data(static_cast<size_t>(std::stoi(Args[1])), '\x5A');
+  DWORD written = 0;
+  if (!WriteFile(h, data.data(), static_cast<DWORD>(data.size()), &written, nullptr)) return 4;
+  Sleep(60000);
+  return 0;
+}
+
+TEST(PipeVideoStream, FramesEqualFfmpegsOwnRawOutput) {
+  ComPtr<INamedPipe2> bad(new TNamedPipe(PipeName("klpvsBad"), 1));
+  for (const auto& info : {VideoInfo(8, 8, 16, 25), VideoInfo(8, 8, 32, 0), VideoInfo(8, 8, 32, std::nanf("")),
+                           VideoInfo(8, 0, 32, 25)}) {
+    EXPECT_FALSE(TPipeVideoStream::Create(info, bad.Get()));
+  }
+  EXPECT_FALSE(TPipeVideoStream::Create(VideoInfo(8, 8, 32, 25), nullptr));
+  kltest::TTempDir dir;
+  for (const char* fmt : {"bgr24", "rgb32"}) {
+    SCOPED_TRACE(fmt);
+    const int bits = std::strcmp(fmt, "bgr24") == 0 ? 24 : 32;
+    const std::string args =
+        std::string("-f lavfi -i testsrc=size=642x40:rate=25:duration=0.4 -f rawvideo -pix_fmt ") + fmt + " ";
+    ASSERT_EQ(kltest::Ffmpeg(args + kltest::Quote(dir / "ref.raw")).ExitCode, 0u);
+    const std::string ref = kltest::ReadFileBytes(dir / "ref.raw");
+    const size_t frameSize = 642u * 40 * bits / 8;
+    ASSERT_EQ(ref.size(), 10 * frameSize);
+
+    ComPtr<INamedPipe2> pipe(new TNamedPipe(PipeName("klpvs"), 1));
+    ComPtr<IVideoStream> s = TPipeVideoStream::Create(VideoInfo(642, 40, bits, 25), pipe.Get());
+    ASSERT_TRUE(s);
+    kltest::TRunResult r;
+    std::thread writer([&] { r = kltest::Ffmpeg(args + pipe->GetName(), 60000); });
+    // ffmpeg starts slowly under Wine, and GetFrame waits only 2 s for the first frame.
+    EXPECT_TRUE(fftest::WaitUntil([&] { return pipe->GetSizeToRead() > 0; }, 30000));
+    uint32_t frame = 0;
+    const int32_t row = 642 * bits / 8, stride = (row + 3) / 4 * 4;  // bgr24: 1926 into 1928
+    bool same = true;
+    for (size_t i = 0; i < 10 && same; ++i) {
+      same = s->GetFrame(frame) && frame != 0;
+      void* data = nullptr;
+      EXPECT_EQ(s->GetFrameData(data), stride * 40);
+      for (size_t y = 0; y < 40 && same; ++y) {
+        same = std::memcmp(static_cast<char*>(data) + y * stride, ref.data() + i * frameSize + y * row, row) == 0;
+      }
+      EXPECT_TRUE(same) << "frame " << i;
+    }
+    writer.join();
+    EXPECT_EQ(r.ExitCode, 0u) << r.Err;
+    EXPECT_FALSE(s->GetFrame(frame));  // the writer has gone
+    s->SetPosition(10000);
+    EXPECT_EQ(s->GetPosition(), 10400);  // ten frames at 25 fps
+  }
+}
+
+TEST(PipeVideoStream, NoDataAndAKilledWriterGiveFalse) {
+  constexpr int kFrame = 16 * 8 * 4;
+  ComPtr<INamedPipe2> pipe(new TNamedPipe(PipeName("klpvsKill"), 1));
+  ComPtr<IVideoStream> s = TPipeVideoStream::Create(VideoInfo(16, 8, 32, 25), pipe.Get());
+  ASSERT_TRUE(s);
+  kltest::TProcess child;
+  ASSERT_TRUE(kltest::StartChild(child, "frame_writer_hangs", {pipe->GetName(), std::to_string(kFrame * 3 / 2)}));
+  uint32_t frame = 0;
+  ASSERT_TRUE(fftest::WaitUntil([&] { return pipe->GetSizeToRead() >= kFrame; }, 20000));
+  const auto first = fftest::LogMessages(fftest::LogOf([&] { EXPECT_TRUE(s->GetFrame(frame)); }));
+  EXPECT_EQ(first, std::vector<std::string>{"FillFrame: 1"});
+  // Half a frame queued, nothing more coming: the 2 s wait fails and counts nothing.
+  auto stalled = fftest::LogMessages(fftest::LogOf([&] { EXPECT_FALSE(s->GetFrame(frame)); }));
+  ASSERT_GE(stalled.size(), 2u);  // the pipe's own time-out line comes first
+  stalled.erase(stalled.begin(), stalled.end() - 2);
+  EXPECT_EQ(stalled, (std::vector<std::string>{"TPipeVideoStream.FillFrame: FPipe.WaitForData failed",
+                                               "TPipeVideoStream.GetFrame: FillFrame failed"}));
+  EXPECT_EQ(s->GetPosition(), 40);
+  child.Kill();
+  EXPECT_FALSE(s->GetFrame(frame));
+  EXPECT_EQ(s->GetPosition(), 40);
+}
+
+TEST(PipeVideoStream, FfmpegThroughThePipeIntoTheFramesPlayerToTheEnd) {
+  using namespace kl::klMediaPlayer;
+  ComPtr<INamedPipe2> pipe(new TNamedPipe(PipeName("klpvsPlay"), 1));
+  ComPtr<IVideoStream> s = TPipeVideoStream::Create(VideoInfo(64, 48, 32, 25), pipe.Get());
+  ASSERT_TRUE(s);
+  kltest::TRunResult r;
+  std::thread writer([&] {
+    r = kltest::Ffmpeg("-f lavfi -i testsrc=size=64x48:rate=25:duration=1 -f rawvideo -pix_fmt rgb32 " +
+                           pipe->GetName(),
+                       60000);
+  });
+  HWND wnd = CreateWindowExA(0, "STATIC", "", WS_POPUP | WS_VISIBLE, 0, 0, 64, 48, nullptr, nullptr, nullptr, nullptr);
+  ASSERT_NE(wnd, nullptr);
+  // ffmpeg starts slowly under Wine: the first frame is waited for only 2 s.
+  ASSERT_TRUE(fftest::WaitUntil([&] { return pipe->GetSizeToRead() >= 64 * 48 * 4; }, 30000));
+  {
+    TFramesPlayer p;
+    std::atomic<int> frames{0}, finishes{0};
+    p.SetOnFrame([&](void*, int32_t Size) {
+      if (Size == 64 * 48 * 4) ++frames;
+    });
+    p.SetOnFinish([&](void*) { ++finishes; });
+    p.SetTargetWindow(wnd);
+    p.SetSource(s.Get());
+    EXPECT_TRUE(p.Play());
+    EXPECT_TRUE(fftest::WaitUntil([&] { return p.GetMode() == pmFinished; }, 30000));
+    p.Stop();
+    EXPECT_EQ(finishes.load(), 1);
+    EXPECT_EQ(frames.load(), 26);  // the first frame shows at Play and again at the first tick
+  }
+  writer.join();
+  EXPECT_EQ(r.ExitCode, 0u) << r.Err;
+  DestroyWindow(wnd);
+}
