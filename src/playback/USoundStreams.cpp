@@ -154,52 +154,57 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
   // defined; the scan itself only trusts what was read.
   std::vector<uint8_t> work(kScanBlock + 4, 0);
   uint8_t* const buf = work.data();
+  int32_t total = 0;  // bytes held in buf
+  int32_t pos = 0;    // where the next frame is looked for in buf
+  bool drained = false;
+  // Makes at least Need bytes from pos available unless the data ends first: what is
+  // left of the block moves to the front and the rest is read behind it. A frame that
+  // ends past what was read (variable bit rate) has its unread part stepped over.
+  const auto fill = [&](int32_t Need) {
+    if (pos > total) {
+      FStream->Seek(pos - total, TSeekOrigin::soCurrent);
+      pos = total;
+    }
+    if (total - pos >= Need || drained) return;
+    std::memmove(buf, buf + pos, static_cast<size_t>(total - pos));
+    total -= pos;
+    pos = 0;
+    while (total < Need) {
+      const int64_t want = std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - total);
+      const int32_t read = want > 0 ? FStream->ReadFully(buf + total, static_cast<int32_t>(want)) : 0;
+      if (read <= 0) {
+        drained = true;
+        return;
+      }
+      total += read;
+    }
+  };
   int64_t offset = 0;
-  int32_t keep = 0;
-  int32_t pos = 0;
   uint16_t lastHeader = 0;
-  bool done = false;
-  while (!done && capacity > static_cast<int64_t>(FFrames.size())) {
-    const int64_t want = std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - keep);
-    const int32_t read = want > 0 ? FStream->ReadFully(buf + keep, static_cast<int32_t>(want)) : 0;
-    if (read <= 0) break;
-    const int32_t total = keep + read;
-    while (capacity > static_cast<int64_t>(FFrames.size())) {
-      // A short run of foreign bytes between frames is stepped over by looking for the
-      // previous frame's first two header bytes within one frame's length.
-      if (lastHeader != 0 && frameSize >= 0) {
-        for (int32_t i = 0; i <= frameSize && pos + i + 2 <= total; ++i) {
-          if (Word16(buf + pos + i) == lastHeader) {
-            pos += i;
-            offset += i;
-            break;
-          }
+  while (capacity > static_cast<int64_t>(FFrames.size())) {
+    // A short run of foreign bytes between frames is stepped over by looking for the
+    // previous frame's first two header bytes within one frame's length. The whole
+    // search window is read first: a run may straddle the end of a scan block.
+    fill(std::min(kScanBlock, frameSize + 2));
+    // A frame is taken only with more than a frame's length of data behind the last one,
+    // so the very last frame of the data, with nothing behind it, is not.
+    if (lastHeader != 0 && drained && total - pos < frameSize + 1) break;
+    if (lastHeader != 0) {
+      for (int32_t i = 0; i <= frameSize && pos + i + 2 <= total; ++i) {
+        if (Word16(buf + pos + i) == lastHeader) {
+          pos += i;
+          offset += i;
+          break;
         }
-      }
-      FFrames.push_back(offset);
-      frameSize = pos + 4 <= total ? UMp3::GetMP3FrameSize(buf + pos) : 0;
-      if (frameSize <= 0) {
-        done = true;
-        break;
-      }
-      lastHeader = Word16(buf + pos);
-      pos += frameSize;
-      offset += frameSize;
-      const int32_t rest = total - pos;
-      if (rest < frameSize + 1) {
-        // The next frame is not wholly here: carry what there is of it to the front. A
-        // frame longer than the previous one (variable bit rate) may even end past what
-        // was read: its unread part is stepped over.
-        if (rest > 0) {
-          std::memmove(buf, buf + pos, static_cast<size_t>(rest));
-        } else if (rest < 0) {
-          FStream->Seek(-rest, TSeekOrigin::soCurrent);
-        }
-        keep = std::max(rest, 0);
-        pos = 0;
-        break;
       }
     }
+    fill(4);
+    FFrames.push_back(offset);
+    frameSize = pos + 4 <= total ? UMp3::GetMP3FrameSize(buf + pos) : 0;
+    if (frameSize <= 0) break;
+    lastHeader = Word16(buf + pos);
+    pos += frameSize;
+    offset += frameSize;
   }
 }
 

@@ -216,6 +216,47 @@ TEST(Mp3SoundStream, ShortGarbageBetweenFramesIsSteppedOverAndLongGarbageEndsThe
   EXPECT_EQ(l->Mp3Stream()->FramesToMilliseconds(11), l->GetLength());
 }
 
+// A run of foreign bytes as long as a frame in front of every 40960-byte mark, so that
+// the next header straddles the mark: the index still holds every frame.
+TEST(Mp3SoundStream, GarbageAcrossScanBlockEndsKeepsTheWholeIndex) {
+  kltest::TTempDir dir;
+  const std::string path = dir / "long.mp3";
+  ASSERT_EQ(0u, kltest::Ffmpeg("-f lavfi -i sine=frequency=440:duration=60 -ac 2 -c:a libmp3lame -b:a 128k "
+                               "-write_xing 0 -id3v2_version 0 " + kltest::Quote(path)).ExitCode);
+  const std::string plain = kltest::ReadFileBytes(path);
+  ComPtr<TMp3FileSoundStream> original = new TMp3FileSoundStream(path);
+  const std::vector<int64_t> frames = original->Mp3Stream()->Frames();
+  ASSERT_GT(frames.size(), 2000u);
+  std::string damaged;
+  std::vector<int64_t> want;
+  int64_t mark = 40960;
+  int straddles = 0;
+  for (size_t k = 0; k + 1 < frames.size(); ++k) {
+    const std::string frame =
+        plain.substr(static_cast<size_t>(frames[k]), static_cast<size_t>(frames[k + 1] - frames[k]));
+    const int64_t size = static_cast<int64_t>(frame.size());
+    // This frame ends size + 1 bytes before the mark; size bytes of garbage follow.
+    const int64_t lead = mark - (size + 1) - size - static_cast<int64_t>(damaged.size());
+    const bool straddle = lead >= 0 && lead <= 417 && k + 2 < frames.size();
+    damaged += std::string(straddle ? static_cast<size_t>(lead) : 0, '\x55');
+    want.push_back(static_cast<int64_t>(damaged.size()));
+    damaged += frame;
+    if (straddle) {
+      damaged += std::string(frame.size(), '\x55');
+      ++straddles;
+    }
+    while (mark < static_cast<int64_t>(damaged.size()) + size) mark += 40960;
+  }
+  // The last frame, which the index leaves out.
+  want.push_back(static_cast<int64_t>(damaged.size()));
+  damaged += plain.substr(static_cast<size_t>(frames.back()));
+  ASSERT_GT(straddles, 10);
+  kltest::WriteFileBytes(dir / "damaged.mp3", damaged);
+  ComPtr<TMp3FileSoundStream> s = new TMp3FileSoundStream(dir / "damaged.mp3");
+  EXPECT_EQ(s->Mp3Stream()->Frames(), want);
+  EXPECT_EQ(s->GetLength(), original->GetLength());
+}
+
 TEST(Mp3SoundStream, BadSourcesDeliverLittleOrNothingAndNeverHang) {
   kltest::TTempDir dir;
   const std::string plain = kltest::ReadFileBytes(EncodeMp3(dir, "plain.mp3", true));
