@@ -619,13 +619,13 @@ void TklMediaPlayer::Close() {
   Sleep(100);
 }
 
-int32_t TklMediaPlayer::BytesToMilliseconds(int32_t Bytes) {
+int32_t TklMediaPlayer::BytesToMilliseconds(int64_t Bytes) {
   ComPtr<ISoundStream> s = GetSource();
   if (!s) return 0;
   const WAVEFORMATEX f = s->GetWaveFormat();
   if (f.nBlockAlign == 0 || f.nSamplesPerSec == 0) return 0;
-  return static_cast<int32_t>(
-      Round(static_cast<double>(std::max(0, Bytes)) / f.nBlockAlign / f.nSamplesPerSec * 1000));
+  const int64_t ms = Round(static_cast<double>(std::max<int64_t>(0, Bytes)) / f.nBlockAlign / f.nSamplesPerSec * 1000);
+  return static_cast<int32_t>(std::min<int64_t>(ms, INT32_MAX));
 }
 
 int32_t TklMediaPlayer::GetPosition() {
@@ -637,11 +637,7 @@ int32_t TklMediaPlayer::GetPosition() {
     std::lock_guard<TCriticalSection> guard(FLock);
     played = DeviceBytesPlayed();
   }
-  const WAVEFORMATEX f = s->GetWaveFormat();
-  if (f.nBlockAlign != 0 && f.nSamplesPerSec != 0) {
-    const int64_t ms = Round(static_cast<double>(played) / f.nBlockAlign / f.nSamplesPerSec * 1000);
-    result += Round(static_cast<double>(ms) * static_cast<double>(FSpeed.load()));
-  }
+  result += Round(BytesToMilliseconds(static_cast<int64_t>(played)) * static_cast<double>(FSpeed.load()));
   return static_cast<int32_t>(std::clamp<int64_t>(result, INT32_MIN, INT32_MAX));
 }
 

@@ -215,7 +215,7 @@ class TklMediaPlayer {
   float GetVolume() const { return FVolume.load(); }
   // Taken when 0 <= Value <= MAX_VOLUME.
   void SetVolume(float Value);
-  int32_t BytesToMilliseconds(int32_t Bytes);
+  int32_t BytesToMilliseconds(int64_t Bytes);
   // "OK" while the last device call succeeded, empty after a failure.
   std::string GetErrorMessage() const;
   void SetCallback(uint32_t A, uint32_t B) {

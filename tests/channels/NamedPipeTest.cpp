@@ -53,11 +53,7 @@ std::string Drain(INamedPipe2* P, size_t Total, DWORD TimeoutMs = 30000) {
 // "close" closes the pipe and exits 0; "hold" keeps it open for Args[3] ms; "vanish"
 // writes nothing and exits at once; "flood" writes until a write fails, then exits 5.
 KL_CHILD_ROLE(pipe_client) {
-  HANDLE h = INVALID_HANDLE_VALUE;
-  for (int i = 0; i < 500 && h == INVALID_HANDLE_VALUE; ++i) {
-    h = CreateFileA(Args[0].c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) Sleep(10);
-  }
+  HANDLE h = kltest::OpenPipeForWriting(Args[0]);
   if (h == INVALID_HANDLE_VALUE) return 3;
   const std::string mode = Args[2];
   if (mode == "vanish") return 0;

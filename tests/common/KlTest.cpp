@@ -141,6 +141,15 @@ void TProcess::Kill() {
   }
 }
 
+HANDLE OpenPipeForWriting(const std::string& Name) {
+  HANDLE h = INVALID_HANDLE_VALUE;
+  for (int i = 0; i < 500 && h == INVALID_HANDLE_VALUE; ++i) {
+    h = CreateFileA(Name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (h == INVALID_HANDLE_VALUE) Sleep(10);
+  }
+  return h;
+}
+
 bool StartChild(TProcess& Process, const std::string& Role, const std::vector<std::string>& Args) {
   std::string cmd = ChildCommandLine(Role, Args);
   STARTUPINFOA si{};

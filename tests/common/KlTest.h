@@ -54,6 +54,9 @@ struct TProcess {
   void Kill();
 };
 bool StartChild(TProcess& Process, const std::string& Role, const std::vector<std::string>& Args);
+// For a child role: the write end of pipe Name, waiting up to 5 s for the server to
+// create it; INVALID_HANDLE_VALUE if it never does.
+HANDLE OpenPipeForWriting(const std::string& Name);
 // Runs ffmpeg.exe with the given arguments (-hide_banner -y are added).
 TRunResult Ffmpeg(const std::string& Args, DWORD TimeoutMs = 120000);
 

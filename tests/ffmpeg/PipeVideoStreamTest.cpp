@@ -32,11 +32,7 @@ std::string PipeName(const char* Base) {
 
 // Connects to pipe Args[0], writes Args[1] bytes, then stays until killed.
 KL_CHILD_ROLE(frame_writer_hangs) {
-  HANDLE h = INVALID_HANDLE_VALUE;
-  for (int i = 0; i < 500 && h == INVALID_HANDLE_VALUE; ++i) {
-    h = CreateFileA(Args[0].c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) Sleep(10);
-  }
+  HANDLE h = kltest::OpenPipeForWriting(Args[0]);
   if (h == INVALID_HANDLE_VALUE) return 3;
   const std::string data(static_cast<size_t>(std::stoi(Args[1])), '\x5A');
   DWORD written = 0;

@@ -62,11 +62,7 @@ std::string ReadToEnd(ISoundStream* S, IFinishable* F, DWORD TimeoutMs, bool* En
 
 // Connects to pipe Args[0], writes Args[1] bytes of a ramp, then stays until killed.
 KL_CHILD_ROLE(pcm_writer_hangs) {
-  HANDLE h = INVALID_HANDLE_VALUE;
-  for (int i = 0; i < 500 && h == INVALID_HANDLE_VALUE; ++i) {
-    h = CreateFileA(Args[0].c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) Sleep(10);
-  }
+  HANDLE h = kltest::OpenPipeForWriting(Args[0]);
   if (h == INVALID_HANDLE_VALUE) return 3;
   const auto frames = Pattern(std::stoi(Args[1]) / 4);
   const std::string data = Bytes(frames);
