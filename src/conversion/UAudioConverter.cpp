@@ -353,6 +353,48 @@ bool STDMETHODCALLTYPE TFloatToPcmConverter::Write(const void* Data, int32_t Dat
   return true;
 }
 
+// --- decoding without a backlog ------------------------------------------------------
+
+uint32_t GetMp3DecodedSizeLimit(const WAVEFORMATEX* Mp3Format, uint32_t SrcBytes, uint16_t PcmBlockAlign) {
+  if (Mp3Format == nullptr || Mp3Format->nSamplesPerSec == 0) return 0;
+  const uint64_t rate = Mp3Format->nSamplesPerSec;
+  // MPEG-1 (32000 Hz and up): 32 kbit/s frames of 1152 samples; MPEG-2 and 2.5: 8 kbit/s
+  // frames of 576 samples.
+  const bool mpeg1 = rate >= 32000;
+  const uint64_t smallest = std::max<uint64_t>(1, mpeg1 ? 144 * 32000 / rate : 72 * 8000 / rate);
+  const uint64_t frames = SrcBytes / smallest + 2;
+  const uint64_t bytes = frames * (mpeg1 ? 1152 : 576) * PcmBlockAlign;
+  return static_cast<uint32_t>(std::min<uint64_t>(bytes, 64u << 20));
+}
+
+bool AcmConvertAll(HACMSTREAM Stream, ACMSTREAMHEADER& Header, DWORD Flags,
+                   const std::function<bool(const uint8_t* Data, DWORD Size)>& Sink, MMRESULT& Result) {
+  const DWORD srcLength = Header.cbSrcLength;
+  DWORD srcUsed = 0;
+  bool ok = true;
+  Result = 0;
+  // Bounded: a codec that kept giving output for no input would otherwise never stop.
+  for (int round = 0; round < 256; ++round) {
+    Header.cbDstLengthUsed = 0;
+    Result = acmStreamConvert(Stream, &Header, round == 0 ? Flags : Flags & ~ACM_STREAMCONVERTF_START);
+    if (Result != 0) {
+      ok = false;
+      break;
+    }
+    if (round == 0) srcUsed = Header.cbSrcLengthUsed;
+    const DWORD used = std::min(Header.cbDstLengthUsed, Header.cbDstLength);
+    if (used == 0) break;
+    if (!Sink(Header.pbDst, used)) {
+      ok = false;
+      break;
+    }
+    Header.cbSrcLength = 0;
+  }
+  Header.cbSrcLength = srcLength;
+  Header.cbSrcLengthUsed = srcUsed;
+  return ok;
+}
+
 // --- TAcmConverter ------------------------------------------------------------------
 
 TAcmConverter::TAcmConverter() : TBaseAudioConverter("TAcmConverter") {}
@@ -411,6 +453,9 @@ bool TAcmConverter::Open() {
       Close();
       return false;
     }
+    // The size asked for counts frames of the first frame's bit rate; a block of
+    // smaller frames decodes to more, and all of it has to fit.
+    if (in->wFormatTag == kMp3Tag && src > 0) dst = std::max<DWORD>(dst, GetMp3DecodedSizeLimit(in, src, out->nBlockAlign));
   } else {
     src = in->nAvgBytesPerSec / 10;
     // Whole frames only: the codec leaves a broken frame unconverted.
@@ -430,6 +475,7 @@ bool TAcmConverter::Open() {
   FSrcSize = src;
   FDstSize = dst;
   FPcmToPcm = in->wFormatTag == kPcmTag && out->wFormatTag == kPcmTag;
+  FDecoding = in->wFormatTag != kPcmTag;
   FSrc.assign(FSrcSize, 0);
   FDst.assign(FDstSize, 0);
   std::memset(&FHeader, 0, sizeof FHeader);
@@ -486,7 +532,12 @@ bool STDMETHODCALLTYPE TAcmConverter::Write(const void* Data, int32_t DataSize) 
 bool TAcmConverter::Convert(bool Flush) {
   for (;;) {
     const uint32_t room = FSrcSize - FCarry;
-    if (!Flush && static_cast<uint32_t>(FPipe.GetSizeToRead()) < room) return true;
+    const uint32_t queued = static_cast<uint32_t>(FPipe.GetSizeToRead());
+    // A decoder takes compressed data as it comes: what a write brought is decoded at
+    // once rather than held until a whole block is there, so that all the sound the
+    // source has given so far comes out.
+    const bool partial = queued < room;
+    if (!Flush && partial && !(FDecoding && queued > 0)) return true;
     const int32_t got = room == 0 ? 0 : FPipe.Read(FSrc.data() + FCarry, static_cast<int32_t>(room));
     const int32_t n = static_cast<int32_t>(FCarry) + std::max(0, got);
     DWORD flags = 0;
@@ -494,10 +545,29 @@ bool TAcmConverter::Convert(bool Flush) {
       flags |= ACM_STREAMCONVERTF_START;
       FFirstConvert = false;
     }
-    const bool last = got < 0 || static_cast<uint32_t>(got) < room || Flush;
+    const bool last = got < 0 || Flush || (partial && !FDecoding);
     flags |= last ? ACM_STREAMCONVERTF_END : ACM_STREAMCONVERTF_BLOCKALIGN;
     FHeader.cbSrcLength = static_cast<DWORD>(n);
     FHeader.cbDstLengthUsed = 0;
+    if (FDecoding) {
+      MMRESULT r = 0;
+      const bool ok = AcmConvertAll(
+          FStream, FHeader, flags,
+          [this](const uint8_t* Data, DWORD Size) { return !FNext || FNext->Write(Data, static_cast<int32_t>(Size)); },
+          r);
+      if (!ok) {
+        Fail(r != 0 ? AcmErrorText(r) : std::string("TAcmConverter.Convert: Next.Write error"));
+        return false;
+      }
+      // A codec that takes whole frames only leaves the rest for the next round.
+      const DWORD taken = std::min<DWORD>(FHeader.cbSrcLengthUsed, static_cast<DWORD>(n));
+      FCarry = !last && taken < static_cast<DWORD>(n) && (taken > 0 || static_cast<uint32_t>(n) < FSrcSize)
+                   ? static_cast<uint32_t>(n) - taken
+                   : 0;
+      if (FCarry > 0) std::memmove(FSrc.data(), FSrc.data() + taken, FCarry);
+      if (last || partial) return true;
+      continue;
+    }
     const MMRESULT r = acmStreamConvert(FStream, &FHeader, flags);
     if (r != 0) {
       Fail(AcmErrorText(r));

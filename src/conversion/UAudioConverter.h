@@ -16,6 +16,7 @@
 #include <msacm.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,6 +80,21 @@ bool FindMatchFormat(WAVEFORMATEX* Format);
 bool IsFloatFormat(const WAVEFORMATEX* Format);
 // The compression manager's text for a result code; empty for 0.
 std::string AcmErrorText(MMRESULT Code);
+
+// --- decoding without a backlog ------------------------------------------------------
+// The most PCM bytes (PcmBlockAlign bytes a frame) that SrcBytes of MPEG audio of
+// Mp3Format's rate can decode to: as many of the rate's smallest frames as fit, and one
+// begun earlier and one finished later. A destination this large takes everything a
+// source block yields, whatever the bit rate of the first frame was.
+uint32_t GetMp3DecodedSizeLimit(const WAVEFORMATEX* Mp3Format, uint32_t SrcBytes, uint16_t PcmBlockAlign);
+// One acmStreamConvert of Header's source (Flags as for it), then further ones with no
+// new source bytes and without the start flag for as long as the codec still gives
+// output, each output handed to Sink: a decoder is never left holding sound that the
+// block yielded, so its backlog cannot grow. Header keeps its lengths; cbSrcLengthUsed
+// is the first round's. False when the codec fails (Result its code) or Sink refuses
+// (Result 0). The first-generation player's MP3 path and TAcmConverter both use it.
+bool AcmConvertAll(HACMSTREAM Stream, ACMSTREAMHEADER& Header, DWORD Flags,
+                   const std::function<bool(const uint8_t* Data, DWORD Size)>& Sink, MMRESULT& Result);
 
 // --- converters ---------------------------------------------------------------------
 class TBaseAudioConverter : public TInterfacedObject<IWritable, IAudioConverter> {
@@ -171,6 +187,8 @@ class TAcmConverter : public TBaseAudioConverter {
   uint32_t FDstSize = 0;
   bool FFirstConvert = true;
   bool FPcmToPcm = false;
+  // Compressed input: every write is decoded at once and nothing is left in the codec.
+  bool FDecoding = false;
   // Source bytes the codec left unconverted (a block encoder takes whole blocks only):
   // they stay at the front of the source buffer for the next conversion.
   uint32_t FCarry = 0;

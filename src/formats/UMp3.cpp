@@ -98,12 +98,61 @@ bool GetMP3Info(const void* Data, int32_t Size, TMP3Info& Info) {
 }
 
 bool GetMP3Info(TStream* Stream, TMP3Info& Info) {
+  TMP3XingInfo xing;
+  return GetMP3Info(Stream, Info, xing);
+}
+
+bool GetMP3XingInfo(const void* Frame, int32_t Size, TMP3XingInfo& Xing) {
+  Xing = TMP3XingInfo{};
+  TMP3Info info{};
+  if (Frame == nullptr || Size < 4) return false;
+  const auto* p = static_cast<const uint8_t*>(Frame);
+  if (!ParseHeader(p, info)) return false;
+  // The tag stands right behind the side information, whose length depends on the
+  // version and the channel count.
+  const int32_t at = 4 + (info.Version == 1 ? (info.Channels == 2 ? 32 : 17) : (info.Channels == 2 ? 17 : 9));
+  const int32_t frameSize = GetMP3FrameSize(p);
+  if (Size < at + 8 || frameSize < at + 8) return false;
+  const auto be32 = [p](int32_t At) {
+    return static_cast<int32_t>(static_cast<uint32_t>(p[At]) << 24 | static_cast<uint32_t>(p[At + 1]) << 16 |
+                                static_cast<uint32_t>(p[At + 2]) << 8 | p[At + 3]);
+  };
+  const bool vbr = std::memcmp(p + at, "Xing", 4) == 0;
+  if (!vbr && std::memcmp(p + at, "Info", 4) != 0) return false;
+  Xing.Present = true;
+  Xing.Vbr = vbr;
+  Xing.FrameSize = frameSize;
+  const uint32_t flags = static_cast<uint32_t>(be32(at + 4));
+  int32_t field = at + 8;
+  if ((flags & 1) != 0 && field + 4 <= Size) {
+    Xing.Frames = std::max(0, be32(field));
+    field += 4;
+  }
+  if ((flags & 2) != 0 && field + 4 <= Size) Xing.Bytes = std::max(0, be32(field));
+  return true;
+}
+
+bool GetMP3Info(const void* Data, int32_t Size, TMP3Info& Info, TMP3XingInfo& Xing) {
+  Xing = TMP3XingInfo{};
+  if (!GetMP3Info(Data, Size, Info)) return false;
+  GetMP3XingInfo(static_cast<const uint8_t*>(Data) + Info.Offset, Size - Info.Offset, Xing);
+  return true;
+}
+
+bool GetMP3Info(TStream* Stream, TMP3Info& Info, TMP3XingInfo& Xing) {
   std::memset(&Info, 0, sizeof Info);
+  Xing = TMP3XingInfo{};
   if (Stream == nullptr) return false;
   const int64_t start = Stream->GetPosition();
   uint8_t buf[kSearchSize];
   const int32_t n = Stream->ReadFully(buf, kSearchSize);
-  const bool ok = GetMP3Info(buf, n, Info);
+  const bool ok = GetMP3Info(buf, n, Info, Xing);
+  // A tag frame is read whole even when it begins near the end of the first block.
+  if (ok && !Xing.Present && Info.Offset > kSearchSize - 200) {
+    Stream->Seek(start + Info.Offset, TSeekOrigin::soBeginning);
+    const int32_t m = Stream->ReadFully(buf, 200);
+    GetMP3XingInfo(buf, m, Xing);
+  }
   Stream->Seek(start + (ok ? Info.Offset : 0), TSeekOrigin::soBeginning);
   return ok;
 }

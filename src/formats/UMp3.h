@@ -37,6 +37,17 @@ static_assert(sizeof(TMP3Info) == 29, "TMP3Info is a 29-byte packed record");
 using TMP3WAVEFORMAT = MPEGLAYER3WAVEFORMAT;
 static_assert(sizeof(TMP3WAVEFORMAT) == 30, "TMP3WAVEFORMAT is 30 bytes");
 
+// What the encoder's Xing ("Xing": variable rate) or Info ("Info": constant rate)
+// frame at the start of the data says. That frame is a valid frame header around
+// silence-free side information: it carries no sound and is not counted in Frames.
+struct TMP3XingInfo {
+  bool Present = false;   // the first frame is such a tag frame
+  bool Vbr = false;       // "Xing" rather than "Info"
+  int32_t Frames = 0;     // sound frames behind it; 0 when the tag does not say
+  int32_t Bytes = 0;      // bytes of the data, tag frame included; 0 when not said
+  int32_t FrameSize = 0;  // of the tag frame itself
+};
+
 enum TSoundRate : int32_t { sr11025 = 1, sr22050 = 2, sr44100 = 3 };
 
 constexpr uint16_t MP3_PADDING = 2;
@@ -53,6 +64,14 @@ bool GetMP3Info(const void* Data, int32_t Size, TMP3Info& Info);
 // Reads up to 4096 bytes at the stream's position and parses them. On success the
 // stream is left on the header (start + Info.Offset), on failure at the start.
 bool GetMP3Info(TStream* Stream, TMP3Info& Info);
+
+// The Xing/Info tag of the frame whose header is at Frame (Size bytes from there);
+// false (Xing cleared) when that frame carries none.
+bool GetMP3XingInfo(const void* Frame, int32_t Size, TMP3XingInfo& Xing);
+// GetMP3Info that also reads the first frame's Xing/Info tag, so that a variable-rate
+// file's length is known without walking its frames.
+bool GetMP3Info(const void* Data, int32_t Size, TMP3Info& Info, TMP3XingInfo& Xing);
+bool GetMP3Info(TStream* Stream, TMP3Info& Info, TMP3XingInfo& Xing);
 
 // 0 when SampleRate < 1; else 144 (MPEG-1) or 72 x BitRate div SampleRate, + 1 with
 // padding. The Layer III formula serves every layer.

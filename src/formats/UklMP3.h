@@ -31,6 +31,9 @@ static_assert(sizeof(TMP3Info) == 25, "TMP3Info is a 25-byte packed record");
 
 using TMP3WAVEFORMAT = UMp3::TMP3WAVEFORMAT;
 using TSoundRate = UMp3::TSoundRate;
+// The encoder's Xing/Info frame (frame count without a walk over the frames): shared.
+using UMp3::GetMP3XingInfo;
+using UMp3::TMP3XingInfo;
 
 // Wave-format values used by InitMp3WaveFormat. MP3_BLOCK_SIZE starts at 0: set it to
 // the frame size of the data before the record goes to a decoder.

@@ -117,7 +117,9 @@ TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int
   auto* buffer = new TMp3Buffer();
   FBuffer = static_cast<UPipe::IPipe*>(buffer);
   FPosition = 0;
-  UMp3::GetMP3Info(FStream, FMp3Info);
+  UMp3::GetMP3Info(FStream, FMp3Info, FXing);
+  // An encoder's Xing/Info frame carries no sound: decoding and the index start behind it.
+  FFirst = FXing.Present ? FXing.FrameSize : 0;
 
   // The decoder keeps its own copy of the input format: a record on the stack will do.
   UMp3::TMP3WAVEFORMAT mp3Record{};
@@ -131,24 +133,32 @@ TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int
     FConverter->SetOutFormat(&FWaveFormat);
     FConverter->SetOutStream(static_cast<UAudioConverter::IWritable*>(buffer));
   }
-  BuildFrameIndex();
-  // Ready at the first frame.
-  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
+  // A frame count from the tag gives the length at once; the index waits for a seek.
+  if (FXing.Frames <= 0) BuildFrameIndex();
+  // Ready at the first sound frame.
+  FStream->Seek(FMp3Info.Offset + FStart + FFirst, TSeekOrigin::soBeginning);
+}
+
+const std::vector<int64_t>& TMp3StreamSoundStream::Frames() {
+  if (!FIndexed && FConverter) {
+    const int64_t at = FStream->GetPosition();
+    BuildFrameIndex();
+    FStream->Seek(at, TSeekOrigin::soBeginning);
+  }
+  return FFrames;
 }
 
 void TMp3StreamSoundStream::BuildFrameIndex() {
+  FIndexed = true;
   int32_t frameSize = UMp3::GetMP3FrameSize(FMp3Info, false);
   // Without a first header there is nothing to index (and no size to count frames by).
   if (frameSize < 1) {
     klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
     return;
   }
-  // The index never holds more entries than an unpadded frame size allows; it grows as
-  // frames are found, so an absurd Len costs nothing up front.
-  const int64_t capacity = FLen / frameSize + 1;
-  FFrames.reserve(static_cast<size_t>(std::min<int64_t>(capacity, 1 << 16)));
-
-  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
+  // The index grows with the frames found until the data ends: the first frame's size
+  // says nothing about the others' when the bit rate varies.
+  FStream->Seek(FMp3Info.Offset + FStart + FFirst, TSeekOrigin::soBeginning);
   const int64_t end = FStart + FLen;
   // Two spare zero bytes behind the block, so a header word read at its very end is
   // defined; the scan itself only trusts what was read.
@@ -179,9 +189,9 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
       total += read;
     }
   };
-  int64_t offset = 0;
+  int64_t offset = FFirst;
   uint16_t lastHeader = 0;
-  while (capacity > static_cast<int64_t>(FFrames.size())) {
+  for (;;) {
     // A short run of foreign bytes between frames is stepped over by looking for the
     // previous frame's first two header bytes within one frame's length. The whole
     // search window is read first: a run may straddle the end of a scan block.
@@ -214,34 +224,80 @@ int32_t TMp3StreamSoundStream::FramesToMilliseconds(int32_t Frames) const {
                                     static_cast<double>(FWaveFormat.nSamplesPerSec) * Frames * 1000));
 }
 
-int32_t TMp3StreamSoundStream::GetLength() { return FramesToMilliseconds(static_cast<int32_t>(FFrames.size())); }
+int32_t TMp3StreamSoundStream::GetLength() {
+  return FramesToMilliseconds(FXing.Frames > 0 ? FXing.Frames : static_cast<int32_t>(FFrames.size()));
+}
 
 int32_t TMp3StreamSoundStream::GetPosition() { return FPosition; }
 
 void TMp3StreamSoundStream::SetPosition(int32_t Ms) {
   Ms = std::max(0, Ms);
-  if (FMp3Info.SamplesPerFrame == 0 || FFrames.empty() || !FBuffer) return;
+  if (FMp3Info.SamplesPerFrame == 0 || Frames().empty() || !FBuffer) return;
   int64_t frame = Round(Ms / 1000.0 * FWaveFormat.nSamplesPerSec) / FMp3Info.SamplesPerFrame;
   frame = std::min<int64_t>(static_cast<int64_t>(FFrames.size()) - 1, frame);
+  const size_t target = static_cast<size_t>(frame);
+  // A frame's sound data may begin in the frames before it (the bit reservoir: up to
+  // 511 bytes back, 255 for MPEG-2), and its first samples overlap the previous frame's
+  // last: those frames go through the decoder first, their sound is dropped.
+  const int64_t reach = FMp3Info.Version == 1 ? 511 : 255;
+  const int64_t overhead = 4 + (FMp3Info.Version == 1 ? (FMp3Info.Channels == 2 ? 32 : 17)
+                                                      : (FMp3Info.Channels == 2 ? 17 : 9));
+  size_t first = target;
+  for (int64_t data = 0; first > 0 && target - first < 64 && data < reach;) {
+    --first;
+    data += std::max<int64_t>(0, FFrames[first + 1] - FFrames[first] - overhead);
+  }
+  if (first > 0 && first < target) --first;
+  FStream->Seek(FFrames[first], TSeekOrigin::soBeginning);
+  const int64_t lead = FFrames[target] - FFrames[first];
+  if (lead > 0 && lead <= kScanBlock) {
+    std::vector<uint8_t> frames(static_cast<size_t>(lead));
+    const int32_t read = FStream->ReadFully(frames.data(), static_cast<int32_t>(lead));
+    if (read > 0) FConverter->Write(frames.data(), read);
+  }
   FBuffer->Clear();
-  FStream->Seek(FFrames[static_cast<size_t>(frame)], TSeekOrigin::soBeginning);
+  FStream->Seek(FFrames[target], TSeekOrigin::soBeginning);
   FPosition = FramesToMilliseconds(static_cast<int32_t>(frame));
+}
+
+int32_t TMp3StreamSoundStream::BytesForPcm(const uint8_t* Data, int32_t Size, int32_t PcmBytes) const {
+  const int32_t perFrame = FMp3Info.SamplesPerFrame * FWaveFormat.nBlockAlign;
+  // The first header in the block (the data is read frame by frame, so normally at 0).
+  int32_t at = 0;
+  while (at + 4 <= Size && UMp3::GetMP3FrameSize(Data + at) <= 0) ++at;
+  if (at + 4 > Size || perFrame <= 0) return Size;
+  int32_t boundary = 0;
+  for (int32_t pcm = 0; pcm < PcmBytes && at + 4 <= Size;) {
+    const int32_t frame = UMp3::GetMP3FrameSize(Data + at);
+    if (frame <= 0 || at + frame > Size) break;
+    at += frame;
+    pcm += perFrame;
+    boundary = at;
+  }
+  // Whole frames only, so that the next read starts on a header; a frame larger than
+  // what is left of the block goes whole.
+  return boundary > 0 ? boundary : Size;
 }
 
 int32_t TMp3StreamSoundStream::GetWavData(void* Buffer, int32_t Size) {
   // Without a single frame header there is nothing the decoder could make sense of
   // (and it would complain about the format on every call).
-  if (Buffer == nullptr || Size < 1 || !FConverter || !FBuffer || FFrames.empty()) return 0;
+  if (Buffer == nullptr || Size < 1 || !FConverter || !FBuffer || UMp3::GetMP3FrameSize(FMp3Info, false) < 1) return 0;
   int64_t remaining = (FStart + FLen) - FStream->GetPosition();
   if (remaining <= 0) return 0;
   uint8_t block[kDecodeBlock];
   while (Size > FBuffer->GetSizeToRead()) {
     if (remaining <= 0) break;
+    const int64_t at = FStream->GetPosition();
     const int32_t read = FStream->ReadFully(block, static_cast<int32_t>(std::min<int64_t>(remaining, kDecodeBlock)));
     // A source shorter than its declared length ends here.
     if (read <= 0) break;
-    if (!FConverter->Write(block, read)) break;
-    remaining -= read;
+    // No more source than the request needs: what the decoder makes of the last
+    // bytes has to fit in the last request.
+    const int32_t take = BytesForPcm(block, read, Size - FBuffer->GetSizeToRead());
+    if (take < read) FStream->Seek(at + take, TSeekOrigin::soBeginning);
+    if (!FConverter->Write(block, take)) break;
+    remaining -= take;
   }
   return FBuffer->Read(Buffer, std::min(FBuffer->GetSizeToRead(), Size));
 }

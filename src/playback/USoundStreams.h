@@ -92,18 +92,26 @@ class TMp3StreamSoundStream : public TInterfacedObject<ISoundStream> {
   // two agree only when the data starts the stream.
   void STDMETHODCALLTYPE SetPosition(int32_t Ms) override;
   int32_t STDMETHODCALLTYPE GetLength() override;
-  // Decodes just enough 4 KiB source blocks to fill the request. Once the source bytes
-  // are used up it returns 0, even if the decoder left PCM in the buffer.
+  // Decodes just enough whole frames (at most 4 KiB at a time) to fill the request.
+  // Once the source bytes are used up it returns 0, even if PCM is left in the buffer:
+  // since the source is taken no faster than the request needs, that is at most what
+  // one frame and the decoder's own delay hold.
   int32_t STDMETHODCALLTYPE GetWavData(void* Buffer, int32_t Size) override;
   WAVEFORMATEX STDMETHODCALLTYPE GetWaveFormat() override;
 
   int32_t FramesToMilliseconds(int32_t Frames) const;
   const UMp3::TMP3Info& Mp3Info() const { return FMp3Info; }
-  // Byte offsets of the indexed frames, from the first frame header.
-  const std::vector<int64_t>& Frames() const { return FFrames; }
+  const UMp3::TMP3XingInfo& XingInfo() const { return FXing; }
+  // Byte offsets of the indexed sound frames, from the first frame header (an encoder's
+  // Xing/Info frame there is not one of them). With a frame count from that frame the
+  // index is made on first use, by the first seek.
+  const std::vector<int64_t>& Frames();
 
  private:
   void BuildFrameIndex();
+  // Source bytes of the whole frames at Data (Size bytes) that decode to at least
+  // PcmBytes; Size when the frames cannot be told apart.
+  int32_t BytesForPcm(const uint8_t* Data, int32_t Size, int32_t PcmBytes) const;
 
   TStream* FStream;
   int64_t FStart;
@@ -112,6 +120,10 @@ class TMp3StreamSoundStream : public TInterfacedObject<ISoundStream> {
   ComPtr<UPipe::IPipe> FBuffer;
   WAVEFORMATEX FWaveFormat{};
   UMp3::TMP3Info FMp3Info{};
+  UMp3::TMP3XingInfo FXing;
+  // Where the sound frames begin, from the first frame header (behind a tag frame).
+  int64_t FFirst = 0;
+  bool FIndexed = false;
   std::vector<int64_t> FFrames;
   int32_t FPosition = 0;
 };

@@ -95,8 +95,9 @@ TEST(MediaPlayer, PlaysAnMp3WhoseDataStopsMidBlockToTheEnd) {
     std::vector<char> buf(17640);
     for (int32_t n; (n = s->GetWavData(buf.data(), 17640)) > 0;) decoded.append(buf.data(), static_cast<size_t>(n));
   }
-  const std::vector<TFrame> expected = Frames(decoded);
+  std::vector<TFrame> expected = Frames(decoded);
   ASSERT_NE(0u, expected.size() % 4410);
+  while (!expected.empty() && std::abs(expected.back().L) < 256) expected.pop_back();  // the faint tail recurs
   // The decoder's start-up frames are near silence whose short patterns recur: the
   // check starts with the first loud frame.
   int64_t loud = 0;

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -105,17 +106,28 @@ inline TPlayed Analyse(const std::vector<TFrame>& Captured, const std::vector<TF
       ++r.Segments.back().Count;
       ++next;
       ++c;
+      // The last expected frame has been heard: what follows is something else.
+      if (next == static_cast<int64_t>(Expected.size())) break;
       continue;
     }
-    // Find where this run starts: the first place where WINDOW frames agree.
+    // Find where this run starts: the first place where WINDOW frames agree, looked
+    // for first just around where the last run stopped (faint stretches, such as a
+    // decoder's start and its end, recur elsewhere).
     int64_t found = -1;
-    if (c + WINDOW <= Captured.size()) {
-      for (size_t e = 0; e + WINDOW <= Expected.size() && found < 0; ++e) {
+    const auto search = [&](size_t From, size_t To) {
+      for (size_t e = From; e + WINDOW <= std::min(To, Expected.size()) && found < 0; ++e) {
         if (!(Expected[e] == Captured[c])) continue;
         bool all = true;
         for (size_t k = 1; k < WINDOW && all; ++k) all = Expected[e + k] == Captured[c + k];
         if (all) found = static_cast<int64_t>(e);
       }
+    };
+    if (c + WINDOW <= Captured.size()) {
+      if (!r.Segments.empty()) {
+        const int64_t end = r.Segments.back().Start + r.Segments.back().Count;
+        search(static_cast<size_t>(std::max<int64_t>(0, end - 441)), static_cast<size_t>(end + 4410));
+      }
+      if (found < 0) search(0, Expected.size());
     }
     if (found < 0) {
       // Past a few thousand the capture is plainly something else; stop searching.

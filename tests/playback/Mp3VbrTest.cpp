@@ -1,0 +1,201 @@
+// Variable-bit-rate MP3 files as the common encoder presets write them, with and
+// without the encoder's Xing frame, checked against ffmpeg's own decoding.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "PlaybackTestUtil.h"
+
+using namespace kltest::playback;
+using kl::USoundStreams::TMp3FileSoundStream;
+
+namespace {
+
+struct TCase {
+  const char* Name;
+  int Rate, Channels;
+  bool Xing, NoiseFirst;  // NoiseFirst: the first frame is far above the average rate
+};
+
+// 3 s: half a second of noise or of a rising tone (faint by default), then the other
+// (commas escaped for the filter graph).
+std::string Encode(const kltest::TTempDir& Dir, const TCase& C, double Tone = 0.05) {
+  const std::string noise = "0.5*(random(0)*2-1)", faint = kl::Format("%g*sin(2*PI*(300+200*t)*t)", Tone);
+  const std::string expr = kl::Format("if(lt(t\\,0.5)\\,%s\\,%s)", C.NoiseFirst ? noise.c_str() : faint.c_str(),
+                                      C.NoiseFirst ? faint.c_str() : noise.c_str());
+  const std::string path = Dir / (std::string(C.Name) + ".mp3");
+  const auto r = kltest::Ffmpeg(kl::Format("-f lavfi -i \"aevalsrc=%s:s=%d:d=3\" -ac %d -c:a libmp3lame -q:a 4 "
+                                           "-id3v2_version 0 %s ",
+                                           expr.c_str(), C.Rate, C.Channels, C.Xing ? "" : "-write_xing 0") +
+                                kltest::Quote(path));
+  EXPECT_EQ(0u, r.ExitCode) << r.Err;
+  return path;
+}
+
+std::vector<int16_t> Samples(const std::string& Raw) {
+  std::vector<int16_t> r(Raw.size() / 2);
+  if (!r.empty()) std::memcpy(r.data(), Raw.data(), r.size() * 2);
+  return r;
+}
+
+std::vector<int16_t> ReadAll(ISoundStream* S) {
+  std::string got;
+  std::vector<char> buf(17640);
+  for (int i = 0; i < 100000; ++i) {
+    const int32_t n = S->GetWavData(buf.data(), 17640);
+    if (n <= 0) break;
+    got.append(buf.data(), static_cast<size_t>(n));
+  }
+  return Samples(got);
+}
+
+// The frame lag in [MinLag, MaxLag] at which Ours[From, From + Count) (in frames of Ch
+// samples) matches Theirs best, as Theirs index minus Ours index; MaxDiff there.
+struct TMatch {
+  int64_t Lag = 0;
+  int MaxDiff = 1 << 20;
+};
+TMatch Align(const std::vector<int16_t>& Ours, int64_t From, int64_t Count, const std::vector<int16_t>& Theirs,
+             int Ch, int64_t MinLag, int64_t MaxLag) {
+  TMatch best;
+  int64_t bestSum = INT64_MAX;
+  for (int64_t lag = MinLag; lag <= MaxLag; ++lag) {
+    if (From + lag < 0 || (From + lag + Count) * Ch > static_cast<int64_t>(Theirs.size()) ||
+        (From + Count) * Ch > static_cast<int64_t>(Ours.size())) {
+      continue;
+    }
+    int64_t sum = 0;
+    int maxDiff = 0;
+    for (int64_t i = From * Ch; i < (From + Count) * Ch && sum < bestSum; ++i) {
+      const int d = std::abs(Ours[static_cast<size_t>(i)] - Theirs[static_cast<size_t>(i + lag * Ch)]);
+      sum += d;
+      maxDiff = std::max(maxDiff, d);
+    }
+    if (sum < bestSum) {
+      bestSum = sum;
+      best = {lag, maxDiff};
+    }
+  }
+  return best;
+}
+
+const TCase kCases[] = {
+    {"m1_stereo_noise_first", 44100, 2, false, true},
+    {"m1_mono_faint_first_xing", 48000, 1, true, false},
+    {"m2_stereo_faint_first", 22050, 2, false, false},
+    {"m2_mono_noise_first_xing", 16000, 1, true, true},
+};
+
+}  // namespace
+
+TEST(Mp3Vbr, LengthDecodingAndSeekFollowEveryFrame) {
+  kltest::TTempDir dir;
+  for (const TCase& c : kCases) {
+    SCOPED_TRACE(c.Name);
+    const std::string path = Encode(dir, c);
+    const int spf = c.Rate >= 32000 ? 1152 : 576;
+    // ffmpeg's duration: the sound frames its demuxer delivers (a Xing frame is none).
+    const auto packets = kltest::Ffmpeg("-i " + kltest::Quote(path) + " -c:a copy -f framecrc -");
+    int64_t frames = 0;
+    for (size_t at = 0; (at = packets.Out.find("\n0,", at)) != std::string::npos; ++at) ++frames;
+    ASSERT_GT(frames, 2 * c.Rate / spf);
+    const std::string raw = dir / "ffmpeg.raw";
+    ASSERT_EQ(0u, kltest::Ffmpeg("-i " + kltest::Quote(path) + " -f s16le " + kltest::Quote(raw)).ExitCode);
+    const std::vector<int16_t> theirs = Samples(kltest::ReadFileBytes(raw));
+
+    ComPtr<TMp3FileSoundStream> s = new TMp3FileSoundStream(path);
+    EXPECT_EQ(c.Xing, s->Mp3Stream()->XingInfo().Present);
+    if (c.Xing) {
+      EXPECT_EQ(frames, s->Mp3Stream()->XingInfo().Frames);
+    }
+    const double frameMs = 1000.0 * spf / c.Rate;
+    EXPECT_NEAR(s->GetLength(), frames * frameMs, frameMs + 1);
+
+    // Sample for sample ffmpeg's decoding at one lag (the decoder's delay), and complete
+    // up to a tenth of a second at the end.
+    const std::vector<int16_t> ours = ReadAll(s.Get());
+    const int64_t oursFrames = static_cast<int64_t>(ours.size()) / c.Channels;
+    const TMatch m = Align(ours, c.Rate, c.Rate / 10, theirs, c.Channels, -2 * spf - 200, 0);
+    EXPECT_LE(m.MaxDiff, 4);
+    const int64_t from = -m.Lag + spf;
+    const int64_t theirsFrames = static_cast<int64_t>(theirs.size()) / c.Channels;
+    const TMatch whole =
+        Align(ours, from, std::min(oursFrames, theirsFrames - m.Lag) - from, theirs, c.Channels, m.Lag, m.Lag);
+    EXPECT_LE(whole.MaxDiff, 4);
+    EXPECT_GE(oursFrames + m.Lag, theirsFrames - c.Rate / 10);
+
+    // A seek to 90 %: from its first sample on, ffmpeg's decoding from the frame sought,
+    // the same decoder lag behind.
+    s->SetPosition(s->GetLength() * 9 / 10);
+    EXPECT_NEAR(s->GetPosition(), s->GetLength() * 0.9, frameMs);
+    const int64_t start = kl::Round(s->GetPosition() / frameMs) * spf;
+    const std::vector<int16_t> after = ReadAll(s.Get());
+    const TMatch at = Align(after, 0, spf, theirs, c.Channels, start + m.Lag - spf, start + m.Lag + spf);
+    EXPECT_LE(at.MaxDiff, 4);
+    EXPECT_EQ(start + m.Lag, at.Lag);
+
+    s->SetPosition(1000000);
+    EXPECT_EQ(s->Mp3Stream()->FramesToMilliseconds(static_cast<int32_t>(s->Mp3Stream()->Frames().size()) - 1),
+              s->GetPosition());
+  }
+}
+
+// The converter chain alone: a source whose first frame is large decodes whole while it
+// is written, before any finish.
+TEST(Mp3Vbr, ChainLeavesNoBacklogInTheDecoder) {
+  kltest::TTempDir dir;
+  const TCase& c = kCases[0];
+  const std::string bytes = kltest::ReadFileBytes(Encode(dir, c));
+  kl::UMp3::TMP3Info info{};
+  ASSERT_TRUE(kl::UMp3::GetMP3Info(bytes.data(), static_cast<int32_t>(bytes.size()), info));
+  kl::UMp3::TMP3WAVEFORMAT mp3{};
+  WAVEFORMATEX pcm{};
+  kl::UAudioConverter::InitMp3WaveFormat(44100, 2, info.BitRate, reinterpret_cast<WAVEFORMATEX*>(&mp3));
+  kl::UAudioConverter::InitPcmWaveFormat(44100, 2, 16, &pcm);
+  ComPtr<kl::USoundStreams::TMp3Buffer> sink = new kl::USoundStreams::TMp3Buffer();
+  ComPtr<kl::UAudioConverter::TAudioConverter> chain = new kl::UAudioConverter::TAudioConverter();
+  chain->SetInFormat(reinterpret_cast<WAVEFORMATEX*>(&mp3));
+  chain->SetOutFormat(&pcm);
+  chain->SetOutStream(sink.Get());
+  for (size_t at = 0; at < bytes.size(); at += 4096) {
+    ASSERT_TRUE(chain->Write(bytes.data() + at, static_cast<int32_t>(std::min<size_t>(4096, bytes.size() - at))));
+  }
+  // Every indexed frame but one the decoder may still be waiting to see whole.
+  ComPtr<TMp3FileSoundStream> indexed = new TMp3FileSoundStream(dir / (std::string(c.Name) + ".mp3"));
+  const int64_t frames = static_cast<int64_t>(indexed->Mp3Stream()->Frames().size());
+  EXPECT_GE(sink->GetSizeToRead(), (frames - 1) * 1152 * 4);
+  EXPECT_TRUE(chain->Finish());
+}
+
+// The player plays a variable-rate file to its very end: what is heard is what the
+// stream decodes, and that is the whole file.
+TEST(Mp3Vbr, PlayerPlaysTheWholeFile) {
+  if (!kltest::TCapture::Available()) GTEST_SKIP() << "no audio capture";
+  kltest::TTempDir dir;
+  // A loud tone: the recording is matched frame by frame, and faint sound repeats.
+  const std::string path = Encode(dir, kCases[0], 0.4);
+  std::vector<TFrame> expected;
+  {
+    ComPtr<ISoundStream> s = new TMp3FileSoundStream(path);
+    const std::vector<int16_t> pcm = ReadAll(s.Get());
+    expected.resize(pcm.size() / 2);
+    std::memcpy(expected.data(), pcm.data(), expected.size() * sizeof(TFrame));
+  }
+  ASSERT_GT(expected.size(), 44100u * 29 / 10);
+  kl::klMediaPlayer::TklMediaPlayer p;
+  ComPtr<ISoundStream> mp3 = new TMp3FileSoundStream(path);
+  p.SetSource(ComPtr<ISoundStream>(new kl::USoundStreams::TFinishingSoundStream(mp3.Get())).Get());
+  const int64_t mark = kltest::TCapture::Mark();
+  ASSERT_TRUE(p.Play());
+  EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == kl::klMediaPlayer::pmFinished; }, 10000));
+  const TPlayed played = Analyse(Frames(kltest::TCapture::Since(mark)), expected);
+  ASSERT_FALSE(played.Segments.empty());
+  // The decoder's first frames are near silence whose patterns recur: from the first run.
+  EXPECT_LT(played.Segments[0].Start, 44100 / 10) << Describe(played);
+  EXPECT_EQ("", InOrder(played, 0, played.Segments.size() - 1, played.Segments[0].Start,
+                        static_cast<int64_t>(expected.size()), 44100));
+}
