@@ -226,3 +226,64 @@ TEST(FirstGenerationPlayer, BadFilesAreRefusedOrEndWithoutHanging) {
   EXPECT_TRUE(WaitUntil([&] { return finished.load(); }, 5000));
   p.SetOnFinish(nullptr);
 }
+
+TEST(FirstGenerationStreams, DecoderLadderLogsEveryStepItTries) {
+  kltest::TTempDir dir;
+  const std::string mp3 = MakeMp3(dir, "c.mp3", Chirp(0.5));
+  kl::TFileStream file(mp3, kl::fmOpenRead | kl::fmShareDenyWrite);
+  fg::TMp3SoundStream s(&file, 0, file.GetSize());
+  ASSERT_TRUE(s.GetValid());
+  const std::string acm = "TMp3SoundStream.CreateAcmConverter: ";
+  // Without the MPEG ID the system's decoder refuses to open but still suggests PCM;
+  // the LAME driver is the last resort, and it is not installed here.
+  s.Mp3Format().wID = 0;
+  EXPECT_FALSE(s.CreateAcmConverter());
+  const std::string log = kl::klLog::GetWholeLog();
+  size_t at = 0;
+  for (const std::string& line :
+       {acm + "acmStreamOpen failed - ",
+        std::string("Mp3Format:  tag: 85  channels: 2  SamplesPerSec: 44100  AvgBytesPerSec: 16000  BlockAlign: 1  "
+                    "BitsPerSample: 0  BlockSize: 418  Flags: 0  FramesPerBlock: 1  CodecDelay: 1393  cbSize: 12"),
+        std::string("WavFormat:  tag: 1  channels: 2  SamplesPerSec: 44100  AvgBytesPerSec: 176400  BlockAlign: 4  "
+                    "BitsPerSample: 16  cbSize: 0"),
+        acm + "acmStreamOpen 3 failed - ", std::string("After acmFormatSuggest"),
+        std::string("Suggested WavFormat:  tag: 1  channels: 2  SamplesPerSec: 44100"), acm + "acmStreamOpen 2 failed - ",
+        acm + "acmDriverEnum: lame not found"}) {
+    at = log.find(line, at);
+    EXPECT_NE(std::string::npos, at) << line;
+  }
+  std::vector<char> buf(100);
+  EXPECT_EQ(0, s.GetWavData(buf.data(), 100));
+  s.Mp3Format().wID = MPEGLAYER3_ID_MPEG;
+  s.Mp3Format().wfx.nSamplesPerSec = 11111;  // no decoder suggests anything for this
+  EXPECT_FALSE(s.CreateAcmConverter());
+  EXPECT_TRUE(LogHas(acm + "acmFormatSuggest failed - "));
+  s.Mp3Format().wfx.nSamplesPerSec = 44100;
+  ASSERT_TRUE(s.CreateAcmConverter());
+  EXPECT_GT(DecodeAll(s).size(), 4u * RATE / 3);
+}
+
+// Run from a folder without SoundTouch.dll: the player says so at creation, plays the
+// whole file at speed 1 and, at any other speed, finds no data and stops at once.
+KL_CHILD_ROLE(fg_no_soundtouch) {
+  fg::TklMediaPlayer p;
+  if (p.GetSoundTouch() != nullptr || !LogHas("TklMediaPlayer.Create: SoundTouchCreateInstance not assigned")) return 1;
+  std::atomic<int64_t> sent{0};
+  p.SetOnSendingWavBlock([&sent](void*, int32_t Size) { sent += Size; });
+  if (!p.OpenFile(Args.at(0)) || !p.Play()) return 2;
+  if (!WaitUntil([&] { return p.GetMode() == fg::pmFinished; }, 5000) || sent != RATE / 2 * 4) return 3;
+  p.SetSpeed(1.5f);
+  p.SetPosition(0);
+  if (!p.Play() || p.GetMode() != fg::pmStopped || sent != RATE / 2 * 4) return 4;
+  return LogHas("FillTempCorrectedPipe: FSoundTouch = nil") && LogHas("TklMediaPlayer.Play: QueueNextBuffer failed") ? 0 : 5;
+}
+
+TEST(FirstGenerationPlayer, WithoutSoundTouchPlaysOnlyAtSpeedOne) {
+  kltest::TTempDir dir;
+  const std::string exe = dir / "alone.exe";
+  ASSERT_TRUE(CopyFileA(kltest::SelfExe().c_str(), exe.c_str(), FALSE));
+  const auto r = kltest::Run(kltest::Quote(exe) + " --kl-child fg_no_soundtouch " +
+                                 kltest::Quote(WriteWav(dir, "a.wav", Pattern(RATE / 2))),
+                             30000);
+  EXPECT_EQ(0u, r.ExitCode) << r.Out << r.Err;
+}
