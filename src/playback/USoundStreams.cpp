@@ -148,18 +148,16 @@ const std::vector<int64_t>& TMp3StreamSoundStream::Frames() {
   return FFrames;
 }
 
-void TMp3StreamSoundStream::BuildFrameIndex() {
-  FIndexed = true;
-  int32_t frameSize = UMp3::GetMP3FrameSize(FMp3Info, false);
+std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len,
+                                    int64_t First) {
+  std::vector<int64_t> frames;
+  int32_t frameSize = UMp3::GetMP3FrameSize(Info, false);
   // Without a first header there is nothing to index (and no size to count frames by).
-  if (frameSize < 1) {
-    klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
-    return;
-  }
+  if (frameSize < 1) return frames;
   // The index grows with the frames found until the data ends: the first frame's size
   // says nothing about the others' when the bit rate varies.
-  FStream->Seek(FMp3Info.Offset + FStart + FFirst, TSeekOrigin::soBeginning);
-  const int64_t end = FStart + FLen;
+  Stream->Seek(Info.Offset + Start + First, TSeekOrigin::soBeginning);
+  const int64_t end = Start + Len;
   // Two spare zero bytes behind the block, so a header word read at its very end is
   // defined; the scan itself only trusts what was read.
   std::vector<uint8_t> work(kScanBlock + 4, 0);
@@ -172,7 +170,7 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
   // ends past what was read (variable bit rate) has its unread part stepped over.
   const auto fill = [&](int32_t Need) {
     if (pos > total) {
-      FStream->Seek(pos - total, TSeekOrigin::soCurrent);
+      Stream->Seek(pos - total, TSeekOrigin::soCurrent);
       pos = total;
     }
     if (total - pos >= Need || drained) return;
@@ -180,8 +178,8 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
     total -= pos;
     pos = 0;
     while (total < Need) {
-      const int64_t want = std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - total);
-      const int32_t read = want > 0 ? FStream->ReadFully(buf + total, static_cast<int32_t>(want)) : 0;
+      const int64_t want = std::min<int64_t>(end - Stream->GetPosition(), kScanBlock - total);
+      const int32_t read = want > 0 ? Stream->ReadFully(buf + total, static_cast<int32_t>(want)) : 0;
       if (read <= 0) {
         drained = true;
         return;
@@ -189,7 +187,7 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
       total += read;
     }
   };
-  int64_t offset = FFirst;
+  int64_t offset = First;
   uint16_t lastHeader = 0;
   for (;;) {
     // A short run of foreign bytes between frames is stepped over by looking for the
@@ -209,13 +207,20 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
       }
     }
     fill(4);
-    FFrames.push_back(offset);
+    frames.push_back(offset);
     frameSize = pos + 4 <= total ? UMp3::GetMP3FrameSize(buf + pos) : 0;
     if (frameSize <= 0) break;
     lastHeader = Word16(buf + pos);
     pos += frameSize;
     offset += frameSize;
   }
+  return frames;
+}
+
+void TMp3StreamSoundStream::BuildFrameIndex() {
+  FIndexed = true;
+  FFrames = IndexMp3Frames(FStream, FMp3Info, FStart, FLen, FFirst);
+  if (FFrames.empty()) klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
 }
 
 int32_t TMp3StreamSoundStream::FramesToMilliseconds(int32_t Frames) const {

@@ -128,6 +128,15 @@ class TMp3StreamSoundStream : public TInterfacedObject<ISoundStream> {
   int32_t FPosition = 0;
 };
 
+// Byte offsets of the MPEG audio frames of [Start, Start + Len) behind the first header
+// Info was read from, counted from that header and starting First bytes behind it (past
+// an encoder's Xing/Info frame); empty when Info has no frame size. The index grows
+// with the frames found until the data ends. A short run of foreign bytes between
+// frames is stepped over; the very last frame, with nothing behind it, is not taken.
+// Leaves the stream anywhere.
+std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len,
+                                    int64_t First = 0);
+
 // An MP3 file on disk: owns the file and the stream that decodes it.
 class TMp3FileSoundStream : public TInterfacedObject<ISoundStream> {
  public:
