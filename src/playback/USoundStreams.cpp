@@ -149,7 +149,7 @@ const std::vector<int64_t>& TMp3StreamSoundStream::Frames() {
 }
 
 std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len,
-                                    int64_t First) {
+                                    int64_t First, int64_t Count) {
   std::vector<int64_t> frames;
   int32_t frameSize = UMp3::GetMP3FrameSize(Info, false);
   // Without a first header there is nothing to index (and no size to count frames by).
@@ -214,12 +214,23 @@ std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info,
     pos += frameSize;
     offset += frameSize;
   }
+  // A tag that counts one frame more vouches for the last one, which the walk leaves out.
+  if (Count > 0 && static_cast<int64_t>(frames.size()) + 1 == Count && frames.size() >= 2) {
+    const int64_t last = frames.back() + (frames.back() - frames[frames.size() - 2]);
+    uint8_t header[4];
+    Stream->Seek(Info.Offset + Start + frames.back(), TSeekOrigin::soBeginning);
+    const int32_t size = Stream->ReadFully(header, 4) == 4 ? UMp3::GetMP3FrameSize(header) : 0;
+    Stream->Seek(Info.Offset + Start + frames.back() + size, TSeekOrigin::soBeginning);
+    if (size > 0 && last > 0 && Stream->ReadFully(header, 4) == 4 && UMp3::GetMP3FrameSize(header) > 0) {
+      frames.push_back(frames.back() + size);
+    }
+  }
   return frames;
 }
 
 void TMp3StreamSoundStream::BuildFrameIndex() {
   FIndexed = true;
-  FFrames = IndexMp3Frames(FStream, FMp3Info, FStart, FLen, FFirst);
+  FFrames = IndexMp3Frames(FStream, FMp3Info, FStart, FLen, FFirst, FXing.Frames);
   if (FFrames.empty()) klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
 }
 

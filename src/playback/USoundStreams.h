@@ -133,9 +133,10 @@ class TMp3StreamSoundStream : public TInterfacedObject<ISoundStream> {
 // an encoder's Xing/Info frame); empty when Info has no frame size. The index grows
 // with the frames found until the data ends. A short run of foreign bytes between
 // frames is stepped over; the very last frame, with nothing behind it, is not taken.
-// Leaves the stream anywhere.
+// When Count (a Xing/Info frame's count) says there is one frame more, that last frame
+// is taken too. Leaves the stream anywhere.
 std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len,
-                                    int64_t First = 0);
+                                    int64_t First = 0, int64_t Count = 0);
 
 // An MP3 file on disk: owns the file and the stream that decodes it.
 class TMp3FileSoundStream : public TInterfacedObject<ISoundStream> {

@@ -339,7 +339,14 @@ TMp3SoundStream2::TMp3SoundStream2(TStream* Stream, int64_t Start, int64_t Len) 
   // Offsets from the first frame header, as the read-ahead counts them.
   UMp3::TMP3Info info = FMp3Info;
   info.Offset = 0;
-  FFrames = USoundStreams::IndexMp3Frames(FStream, info, FStart, FLen);
+  // An encoder's Xing/Info frame carries no sound: the index, as the other generation's,
+  // counts the sound frames behind it.
+  UMp3::TMP3Info probe{};
+  UMp3::TMP3XingInfo xing;
+  FStream->Seek(FStart, TSeekOrigin::soBeginning);
+  UMp3::GetMP3Info(FStream, probe, xing);
+  FFrames = USoundStreams::IndexMp3Frames(FStream, info, FStart, FLen, xing.Present ? xing.FrameSize : 0, xing.Frames);
+  FLengthFrames = xing.Frames > 0 ? xing.Frames : static_cast<int64_t>(FFrames.size());
 }
 
 void TMp3SoundStream2::SetPosition(int32_t Ms) {
@@ -352,7 +359,7 @@ void TMp3SoundStream2::SetPosition(int32_t Ms) {
 }
 
 int64_t TMp3SoundStream2::GetTotalWavBytes() {
-  return static_cast<int64_t>(FFrames.size()) * FMp3Info.SamplesPerFrame * GetBlockAlign();
+  return FLengthFrames * FMp3Info.SamplesPerFrame * GetBlockAlign();
 }
 
 // --- TklMediaPlayer -------------------------------------------------------------------

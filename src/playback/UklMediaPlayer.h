@@ -164,6 +164,8 @@ class TMp3SoundStream2 : public TMp3SoundStream {
 
  private:
   std::vector<int64_t> FFrames;
+  // Sound frames the length counts: the Xing/Info frame's count when it gives one.
+  int64_t FLengthFrames = 0;
 };
 
 // --- player ---------------------------------------------------------------------------
