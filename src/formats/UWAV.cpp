@@ -7,7 +7,9 @@
 #include <limits>
 #include <utility>
 
+#include "conversion/UAudioConverter.h"
 #include "diagnostics/klFiles.h"
+#include "rtl/ComBase.h"
 #include "rtl/SysUtils.h"
 
 namespace kl::UWAV {
@@ -80,6 +82,37 @@ void WriteSample16(uint8_t* Out, int Value) {
     std::memcpy(Out, &v, 2);
   });
 }
+
+// The end of the resampling chain: its 16-bit mono output goes into the target file at
+// the target's depth.
+class TDepthWriter : public TInterfacedObject<UAudioConverter::IWritable> {
+ public:
+  TDepthWriter(TWAVFile& Dest, int Bits) : FDest(Dest), FBits(Bits) {}
+  bool STDMETHODCALLTYPE Write(const void* Data, int32_t Size) override {
+    const int32_t n = Size / 2;
+    if (Data == nullptr || n < 1) return Data != nullptr;
+    if (FBits == 16) {
+      FDest.AddData(Data, n * 2);
+      return true;
+    }
+    FBuf.resize(static_cast<size_t>(n));
+    for (int32_t i = 0; i < n; ++i) {
+      int16_t v;
+      std::memcpy(&v, static_cast<const uint8_t*>(Data) + 2 * i, 2);
+      WriteSample8(&FBuf[static_cast<size_t>(i)], v);
+    }
+    FDest.AddData(FBuf.data(), n);
+    return true;
+  }
+  bool STDMETHODCALLTYPE Finish() override { return FFinished = true; }
+  bool STDMETHODCALLTYPE GetFinished() override { return FFinished; }
+
+ private:
+  TWAVFile& FDest;
+  int FBits;
+  bool FFinished = false;
+  std::vector<uint8_t> FBuf;
+};
 
 // Seeks back after mmioFlush: Wine's MMIO_EMPTYBUF moves the position to the start
 // of the buffer after buffered writes (harmless on Windows).
@@ -493,6 +526,12 @@ bool TWAVFile::SaveAsPcm(const std::string& FileName, int32_t SamplesPerSec, int
                        static_cast<size_t>(readSize / frameSize / down + 1) * up * outSample);
   auto reader = f.wBitsPerSample == 8 ? &ReadSample8 : &ReadSample16;
   auto writer = BitsPerSample == 8 ? &WriteSample8 : &WriteSample16;
+  const int32_t srcRate = static_cast<int32_t>(f.nSamplesPerSec);
+  // Repeating or skipping samples keeps time only when one rate is a whole multiple of
+  // the other; any other pair goes through the converter chain's resampler.
+  if (srcRate % SamplesPerSec != 0 && SamplesPerSec % srcRate != 0) {
+    return Resample(FileName, SamplesPerSec, BitsPerSample);
+  }
 
   std::vector<uint8_t> in(static_cast<size_t>(readSize)), out(outSize);
   TWAVFile dest(FileName, static_cast<uint16_t>(BitsPerSample), static_cast<uint32_t>(SamplesPerSec), 1);
@@ -521,6 +560,39 @@ bool TWAVFile::SaveAsPcm(const std::string& FileName, int32_t SamplesPerSec, int
     }
     dest.AddData(out.data(), steps * up * outSample);
   }
+  dest.Save();
+  return true;
+}
+
+bool TWAVFile::Resample(const std::string& FileName, int32_t SamplesPerSec, int32_t BitsPerSample) {
+  const WAVEFORMATEX& f = *Format();
+  const int channels = f.nChannels;
+  const int frameSize = channels * (f.wBitsPerSample == 8 ? 1 : 2);
+  auto reader = f.wBitsPerSample == 8 ? &ReadSample8 : &ReadSample16;
+  // A tenth of a second a read, mixed to mono 16-bit at the source rate.
+  const int32_t frames = std::max<int32_t>(1, static_cast<int32_t>(f.nSamplesPerSec / 10));
+  std::vector<uint8_t> in(static_cast<size_t>(frames) * frameSize);
+  std::vector<int16_t> mono(static_cast<size_t>(frames));
+  WAVEFORMATEX from{}, to{};
+  UAudioConverter::InitPcmWaveFormat(f.nSamplesPerSec, 1, 16, &from);
+  UAudioConverter::InitPcmWaveFormat(static_cast<uint32_t>(SamplesPerSec), 1, 16, &to);
+  TWAVFile dest(FileName, static_cast<uint16_t>(BitsPerSample), static_cast<uint32_t>(SamplesPerSec), 1);
+  ComPtr<UAudioConverter::IWritable> sink(new TDepthWriter(dest, BitsPerSample));
+  ComPtr<UAudioConverter::TAudioConverter> chain(new UAudioConverter::TAudioConverter());
+  chain->SetInFormat(&from);
+  chain->SetOutFormat(&to);
+  chain->SetOutStream(sink.Get());
+  for (int32_t offset = 0;;) {
+    const int32_t n = GetData(offset, static_cast<int32_t>(in.size()), in.data());
+    if (n <= 0) break;
+    offset += n;
+    const int32_t got = n / frameSize;
+    for (int32_t i = 0; i < got; ++i) {
+      mono[static_cast<size_t>(i)] = static_cast<int16_t>(reader(in.data() + static_cast<size_t>(i) * frameSize, channels));
+    }
+    if (got > 0 && !chain->Write(mono.data(), got * 2)) return false;
+  }
+  if (!chain->Finish()) return false;
   dest.Save();
   return true;
 }

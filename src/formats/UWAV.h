@@ -45,7 +45,9 @@ class TWAVFile {
   // Writes the chunk sizes of a file being written.
   void Save();
   bool ConvertToPCM(const std::string& FileName);
-  // A mono PCM copy at 11025, 22050, 44100 or 48000 Hz, 8 or 16 bits. Raises for
+  // A mono PCM copy at 11025, 22050, 44100 or 48000 Hz, 8 or 16 bits. Rates that are
+  // whole multiples of each other step samples up (linear) or down; any other pair is
+  // resampled by the compression manager, keeping duration and pitch. Raises for
   // Mono = false (no stereo output).
   bool SaveAs(const std::string& FileName, int32_t SamplesPerSec, int32_t BitsPerSample, bool Mono);
   void Init();
@@ -62,6 +64,9 @@ class TWAVFile {
   void CreateNew(const WAVEFORMATEX* Format);
   void Close();
   bool SaveAsPcm(const std::string& FileName, int32_t SamplesPerSec, int32_t BitsPerSample);
+  // SaveAsPcm for rates that are no whole multiples of each other: through the
+  // converter chain's resampler, so that the copy lasts as long and keeps its pitch.
+  bool Resample(const std::string& FileName, int32_t SamplesPerSec, int32_t BitsPerSample);
 
   std::string FFileName;
   std::vector<uint8_t> FFormat;
