@@ -9,6 +9,12 @@ namespace kl {
 namespace {
 // Posted to a form that is to free itself after the message in hand.
 constexpr UINT CM_RELEASE = WM_APP + 0x3F00;
+
+BOOL CALLBACK CollectEnabledWindow(HWND W, LPARAM P) {
+  auto* list = reinterpret_cast<std::vector<HWND>*>(P);
+  if (IsWindowVisible(W) && IsWindowEnabled(W)) list->push_back(W);
+  return TRUE;
+}
 }  // namespace
 
 // --- TApplication -------------------------------------------------------------------
@@ -154,14 +160,7 @@ int TForm::ShowModal() {
   }
   // The thread's other enabled top-level windows wait while the form is up.
   std::vector<HWND> disabled;
-  EnumThreadWindows(
-      GetCurrentThreadId(),
-      [](HWND W, LPARAM P) -> BOOL {
-        auto* list = reinterpret_cast<std::vector<HWND>*>(P);
-        if (IsWindowVisible(W) && IsWindowEnabled(W)) list->push_back(W);
-        return TRUE;
-      },
-      reinterpret_cast<LPARAM>(&disabled));
+  EnumThreadWindows(GetCurrentThreadId(), &CollectEnabledWindow, reinterpret_cast<LPARAM>(&disabled));
   HWND self = FHandle;
   std::erase(disabled, self);
   for (HWND w : disabled) EnableWindow(w, FALSE);

@@ -46,19 +46,21 @@ int GdiObjects() {
   return n;
 }
 
+static BOOL CALLBACK CountWindow(HWND, LPARAM P) {
+  ++*reinterpret_cast<int*>(P);
+  return TRUE;
+}
+
+static BOOL CALLBACK CountWindowTree(HWND W, LPARAM P) {
+  CountWindow(W, P);
+  EnumChildWindows(W, &CountWindow, P);
+  return TRUE;
+}
+
 int UserObjects() {
   if (DWORD n = GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS)) return static_cast<int>(n);
   int n = 0;
-  EnumThreadWindows(
-      GetCurrentThreadId(),
-      [](HWND W, LPARAM P) -> BOOL {
-        auto* count = reinterpret_cast<int*>(P);
-        ++*count;
-        EnumChildWindows(
-            W, [](HWND, LPARAM Q) -> BOOL { return ++*reinterpret_cast<int*>(Q), TRUE; }, P);
-        return TRUE;
-      },
-      reinterpret_cast<LPARAM>(&n));
+  EnumThreadWindows(GetCurrentThreadId(), &CountWindowTree, reinterpret_cast<LPARAM>(&n));
   return n;
 }
 
