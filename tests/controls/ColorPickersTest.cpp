@@ -251,7 +251,8 @@ TEST(ColorButton, OkTakesTheColourCancelKeepsIt) {
   EXPECT_EQ(b.Pixel(37, 12), 0x00FF00u);
 }
 
-TEST(ColorsForm, NoObjectsLeftOverHundredOpenings) {
+// Twenty openings: under Wine each shows and hides fifty child windows in about 0.35 s.
+TEST(ColorsForm, NoObjectsLeftOverOpenings) {
   TfrmColors f(nullptr);
   f.BorderStyle = TFormBorderStyle::bsNone;
   auto open = [&f](TColor C) {
@@ -262,8 +263,8 @@ TEST(ColorsForm, NoObjectsLeftOverHundredOpenings) {
   };
   open(clRed);
   const int gdi = kltest::GdiObjects(), user = kltest::UserObjects();
-  for (int i = 0; i < 100; ++i) open(i % 2 ? clRed : 0x123456);
-  for (int i = 0; i < 5; ++i) TfrmColors(nullptr).Handle();  // whole forms made and freed
+  for (int i = 0; i < 20; ++i) open(i % 2 ? clRed : 0x123456);
+  for (int i = 0; i < 3; ++i) TfrmColors(nullptr).Handle();  // whole forms made and freed
   EXPECT_LE(kltest::GdiObjects(), gdi + 3);
   EXPECT_EQ(kltest::UserObjects(), user);
 }
