@@ -332,7 +332,8 @@ class TFramesPlayer {
   RECT GetTargetRect() const { return FTargetRect; }
 
   // Shows the first frame at once and schedules the rest; false (mode pmFinished when
-  // the source had no frame) when the first frame could not be fetched or drawn.
+  // the source had no frame) when the first frame could not be fetched or drawn. A timer
+  // still pending from before (after Pause) fires first: one chain at a time.
   bool Play();
   // The pending timer still draws one more frame, then the chain ends.
   void Pause();
@@ -369,6 +370,8 @@ class TFramesPlayer {
 
  private:
   static void CALLBACK FrameProc(UINT TimerID, UINT Msg, DWORD_PTR User, DWORD_PTR, DWORD_PTR);
+  // Without a time-out: until no timer that exists is pending.
+  void WaitForChainEnd();
 
   ComPtr<IVideoStream> FSource;
   std::atomic<TPlayerMode> FMode{pmNotReady};
