@@ -185,9 +185,22 @@ class TWavBufferThread : public TThread {
 using TNotifyEvent = std::function<void(void* Sender)>;
 using TSendingWavBlockEvent = std::function<void(void* Buffer, int32_t Size)>;
 
+// The device's 32-bit byte count (it wraps after 6 h 45 min of CD audio) widened to 64
+// bits: a count that went back since the last one has wrapped (positions are read far
+// more often than that). A reset of the device starts a new counter.
+class TWideByteCount {
+ public:
+  uint64_t Widen(uint32_t Count);
+
+ private:
+  uint64_t FHigh = 0;
+  uint32_t FLast = 0;
+};
+
 // Plays any ISoundStream on the wave-out device: two tenth-of-a-second blocks in turn,
 // fed from a read-ahead pipe, with speed (tempo corrector) and software volume.
 // Call the public operations from one thread; the events come on the player's threads.
+// A handler of OnFinish or OnSendingWavBlock may destroy the player.
 class TklMediaPlayer {
  public:
   TklMediaPlayer();
@@ -282,8 +295,7 @@ class TklMediaPlayer {
   // waits behind a slow read of the source.
   mutable TCriticalSection FSourceRefLock;
   mutable TCriticalSection FEventLock;
-  uint64_t FDeviceBytesHigh = 0;
-  uint32_t FDeviceBytesLast = 0;
+  TWideByteCount FDeviceBytes;
   int32_t FBufferSize = 0;
   std::atomic<int32_t> FStopFlag{0};
   std::atomic<int32_t> FLastError{0};
