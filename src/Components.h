@@ -28,4 +28,5 @@
 #include "playback/USoundStreams.h"
 
 #include "ffmpeg/UFfmpeg.h"
+#include "ffmpeg/UFfmpegPlayer.h"
 #include "ffmpeg/UVideoStreams.h"
