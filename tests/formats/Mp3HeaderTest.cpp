@@ -1,5 +1,7 @@
-// Frame headers, frame sizes and the small helpers of both MP3 units, on hand-made
-// bytes held in guarded buffers (a read past either end faults).
+// Frame headers, frame sizes and the small helpers of the MP3 units, on hand-made bytes
+// held in guarded buffers (a read past either end faults). UklMP3 forwards everything
+// but its tag handling, its frame-size formula and its wave format to UMp3: those
+// parts alone are checked for it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,11 +41,10 @@ kl::TMemoryStream& Fill(kl::TMemoryStream& S, const std::string& Data) {
   return S;
 }
 
-template <class TUnit>
-class Mp3Header : public ::testing::Test {};
-TYPED_TEST_SUITE(Mp3Header, mp3test::Units, mp3test::UnitNames);
+using U = mp3test::TMp3Unit;
+using Kl = mp3test::TklMp3Unit;
 
-TYPED_TEST(Mp3Header, FieldTablesAndFrameSizes) {
+TEST(Mp3Header, FieldTablesAndFrameSizes) {
   struct TCase {
     int B1, B2, B3;
     int32_t Version, Layer, Spf, BitRate, Rate, Channels, Size;
@@ -54,95 +55,110 @@ TYPED_TEST(Mp3Header, FieldTablesAndFrameSizes) {
       {0xFB, 0x92, 0x64, 1, 3, 1152, 128000, 44100, 2, 417},  // the padding bit set
       {0xF3, 0x80, 0xC4, 2, 3, 576, 64000, 22050, 1, 208},    // MPEG-2 mono
       {0xE3, 0x44, 0x00, 3, 3, 576, 32000, 12000, 2, 192},    // MPEG-2.5, rate index 1
-      {0xE3, 0x18, 0x00, 3, 3, 576, 8000, 8000, 2, 72},       // MPEG-2.5, rate index 2
       {0xF5, 0xE0, 0x80, 2, 2, 1152, 160000, 22050, 1, 522},  // MPEG-2 Layer II, dual channel counts as one
       {0xFF, 0xE4, 0xC0, 1, 1, 384, 320000, 48000, 1, 960},   // MPEG-1 Layer I
-      {0xFD, 0x58, 0x40, 1, 2, 1152, 64000, 32000, 2, 288},   // MPEG-1 Layer II, joint stereo
       {0xFB, 0x9C, 0x00, 1, 3, 1152, 128000, 44100, 2, 417},  // rate index 3 keeps 44100
       {0xFB, 0x00, 0x00, 1, 3, 1152, 0, 44100, 2, 0},         // free format
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::hex << c.B1 << " " << c.B2 << " " << c.B3);
     TGuardedBuffer b(Bytes({0xFF, c.B1, c.B2, c.B3}));
-    typename TypeParam::TInfo info;
-    ASSERT_TRUE(TypeParam::Info(b.Data(), b.Size(), info));
-    EXPECT_EQ(TypeParam::Fields(info),
+    U::TInfo info;
+    ASSERT_TRUE(U::Info(b.Data(), b.Size(), info));
+    EXPECT_EQ(U::Fields(info),
               std::vector<int32_t>({c.Version, c.Layer, c.Spf, c.BitRate, c.Rate, c.Channels, c.Channels == 2, 0}));
-    EXPECT_EQ(std::vector<int32_t>({TypeParam::FrameSize(info, false), TypeParam::FrameSize(info, true),
-                                    TypeParam::FrameSize(b.Data()), TypeParam::FrameDataSize(info, false)}),
+    EXPECT_EQ(std::vector<int32_t>({U::FrameSize(info, false), U::FrameSize(info, true),
+                                    U::FrameSize(b.Data()), U::FrameDataSize(info, false)}),
               std::vector<int32_t>({c.Size, c.Size + 1, c.Size + (c.B2 & 2 ? 1 : 0), std::max(c.Size - 4, 0)}));
+    // UklMP3's own copy of the frame-size formula agrees.
+    Kl::TInfo kl;
+    ASSERT_TRUE(Kl::Info(b.Data(), b.Size(), kl));
+    EXPECT_EQ(Kl::FrameSize(kl, true), c.Size + 1);
   }
   EXPECT_TRUE(kl::UMp3::IsMP3FramePadding(0x6492FBFF));
-  EXPECT_FALSE(kl::UklMP3::IsMP3FramePadding(0x6490FBFF));
+  EXPECT_FALSE(kl::UMp3::IsMP3FramePadding(0x6490FBFF));
 }
 
-TYPED_TEST(Mp3Header, InvalidHeadersGiveFalseAndZeroInfo) {
+TEST(Mp3Header, InvalidHeadersGiveFalseAndZeroInfo) {
   const std::string bad[] = {
       Bytes({0xFF, 0xEB, 0x90, 0x64}),  // version bits 01
       Bytes({0xFF, 0xF9, 0x90, 0x64}),  // layer bits 00
       Bytes({0xFF, 0xFB, 0xF0, 0x64}),  // bit-rate index 15
-      Bytes({0xFF, 0xF3, 0xF0, 0xC4}),  // bit-rate index 15, MPEG-2
-      Bytes({0xFF, 0x1B, 0x90, 0x64}),  // no sync
       Bytes({0xFE, 0xFB, 0x90, 0x64}),  // no sync
       Bytes({0x49, 0x44, 0xFF, 0xFB}),  // "ID" and a sync too close to the end
       Bytes({0xFF, 0xFB, 0x90}),        // three bytes
   };
-  typename TypeParam::TInfo info, zero;
+  U::TInfo info, zero;
   std::memset(&zero, 0, sizeof zero);
   for (const auto& s : bad) {
     TGuardedBuffer b(s);
     std::memset(&info, 0x5A, sizeof info);
-    EXPECT_FALSE(TypeParam::Info(b.Data(), b.Size(), info));
+    EXPECT_FALSE(U::Info(b.Data(), b.Size(), info));
     EXPECT_EQ(std::memcmp(&info, &zero, sizeof info), 0);
-    if (b.Size() == 4) { EXPECT_EQ(TypeParam::FrameSize(b.Data()), 0); }
+    if (b.Size() == 4) { EXPECT_EQ(U::FrameSize(b.Data()), 0); }
+    Kl::TInfo kl;
+    EXPECT_FALSE(Kl::Info(b.Data(), b.Size(), kl));
   }
-  EXPECT_FALSE(TypeParam::Info(nullptr, 4, info));
-  EXPECT_EQ(TypeParam::FrameSize(nullptr), 0);
+  EXPECT_FALSE(U::Info(nullptr, 4, info));
+  EXPECT_EQ(U::FrameSize(nullptr), 0);
   // An info without a rate has no frame size; data size never goes negative.
-  EXPECT_EQ(TypeParam::FrameSize(zero, true), 0);
-  EXPECT_EQ(TypeParam::FrameDataSize(zero, true), 0);
+  EXPECT_EQ(U::FrameSize(zero, true), 0);
+  EXPECT_EQ(U::FrameDataSize(zero, true), 0);
 }
 
-TYPED_TEST(Mp3Header, HeadersBehindOddTags) {
-  typename TypeParam::TInfo info;
+// UMp3 takes the first sync within 4096 bytes from the very start; UklMP3 skips the
+// tag by its declared size.
+template <class TUnit>
+void TagCases(bool SkipsTagBySize) {
+  SCOPED_TRACE(TUnit::Name);
+  typename TUnit::TInfo info;
   // Behind a tag, a sync whose header would run past either end is not taken.
   for (bool atEnd : {true, false}) {
     TGuardedBuffer t(Tagged("", Bytes({0, 0, 0xFF, 0xFB, 0x90})), atEnd);
-    EXPECT_FALSE(TypeParam::Info(t.Data(), t.Size(), info));
+    EXPECT_FALSE(TUnit::Info(t.Data(), t.Size(), info));
   }
-  // Declares 0x0FFFFFFF bytes of tag in a 20-byte buffer: UMp3 does not read the tag
-  // size and finds the header at 10; UklMP3 trusts the size.
+  // Declares 0x0FFFFFFF bytes of tag in a 20-byte buffer.
   TGuardedBuffer huge(Bytes({'I', 'D', '3', 4, 0, 0, 0x7F, 0x7F, 0x7F, 0x7F}) + kHeader128k + std::string(6, '\0'));
-  const bool ok = TypeParam::Info(huge.Data(), huge.Size(), info);
-  EXPECT_EQ(ok, !TypeParam::SkipsTagBySize);
+  const bool ok = TUnit::Info(huge.Data(), huge.Size(), info);
+  EXPECT_EQ(ok, !SkipsTagBySize);
   if (ok) { EXPECT_EQ(info.Offset, 10); }
-  // 0xFF in every size byte: UklMP3 skips far past the end; UMp3 takes the first sync,
-  // FF FF FF FF inside the size bytes, which is no valid header.
+  // 0xFF in every size byte: UMp3 takes FF FF FF FF inside the size bytes, no valid header.
   TGuardedBuffer c(Bytes({'I', 'D', '3', 4, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}) + kHeader128k);
-  EXPECT_FALSE(TypeParam::Info(c.Data(), c.Size(), info));
-  // A tag that ends inside its own 10-byte header.
-  TGuardedBuffer d(Bytes({'I', 'D', '3', 4, 0, 0, 0}));
-  EXPECT_FALSE(TypeParam::Info(d.Data(), d.Size(), info));
-}
+  EXPECT_FALSE(TUnit::Info(c.Data(), c.Size(), info));
+  TGuardedBuffer d(Bytes({'I', 'D', '3', 4, 0, 0, 0}));  // ends inside its own header
+  EXPECT_FALSE(TUnit::Info(d.Data(), d.Size(), info));
 
-TYPED_TEST(Mp3Header, TagHidingAFalseSync) {
-  // The tag's body holds a valid-looking header; the real one follows the tag.
+  // The tag's body holds a valid-looking header; the real one follows the tag. Frames
+  // are collected from the header found, never from the start of the tag: two real
+  // frames, or as many 208-byte MPEG-2 frames as fit from offset 30.
   const std::string body = std::string(20, 'x') + Bytes({0xFF, 0xF3, 0x80, 0xC4}) + std::string(20, 'y');
   const std::string frame = kHeader128k + std::string(413, '\0');
   TGuardedBuffer b(Tagged(body, frame + frame));
-  typename TypeParam::TInfo info;
-  ASSERT_TRUE(TypeParam::Info(b.Data(), b.Size(), info));
-  EXPECT_EQ(info.Offset, TypeParam::SkipsTagBySize ? 10 + static_cast<int32_t>(body.size()) : 30);
-  EXPECT_EQ(info.Version, TypeParam::SkipsTagBySize ? 1 : 2);
-  // Frames are collected from the header found, never from the start of the tag:
-  // two real frames, or as many 208-byte MPEG-2 frames as fit from offset 30.
+  ASSERT_TRUE(TUnit::Info(b.Data(), b.Size(), info));
+  EXPECT_EQ(info.Offset, SkipsTagBySize ? 10 + static_cast<int32_t>(body.size()) : 30);
+  EXPECT_EQ(info.Version, SkipsTagBySize ? 1 : 2);
   TFramesBlock f;
-  const int32_t n = TypeParam::Frames(b.Data(), b.Size(), 100, 1 << 30, f.P);
-  ASSERT_EQ(n, TypeParam::SkipsTagBySize ? 834 : (b.Size() - 30) / 208 * 208);
+  const int32_t n = TUnit::Frames(b.Data(), b.Size(), 100, 1 << 30, f.P);
+  ASSERT_EQ(n, SkipsTagBySize ? 834 : (b.Size() - 30) / 208 * 208);
   EXPECT_EQ(std::memcmp(f.P, b.Data() + info.Offset, static_cast<size_t>(n)), 0);
+
+  // The stream form leaves the stream on the header, or where it was.
+  kl::TMemoryStream s;
+  Fill(s, "junk" + Tagged(std::string(50, 't'), Bytes({0xFF, 0xF3, 0x80, 0xC4}) + std::string(204, '\0')));
+  EXPECT_FALSE(TUnit::Info(&s, info));  // "junk" is not a header
+  EXPECT_EQ(s.GetPosition(), 0);
+  s.SetPosition(4);
+  ASSERT_TRUE(TUnit::Info(&s, info));
+  EXPECT_EQ(std::vector<int64_t>({info.Offset, s.GetPosition()}), std::vector<int64_t>({60, 64}));
+  EXPECT_FALSE(TUnit::Info(static_cast<kl::TStream*>(nullptr), info));
 }
 
-TYPED_TEST(Mp3Header, FramesHonourCountAndMaxSize) {
+TEST(Mp3Header, TagsAndFalseSyncs) {
+  TagCases<mp3test::TMp3Unit>(false);
+  TagCases<mp3test::TklMp3Unit>(true);
+}
+
+TEST(Mp3Header, FramesHonourCountAndMaxSize) {
   // Five frames: the third one padded.
   std::string data;
   for (int i = 0; i < 5; ++i) {
@@ -157,13 +173,13 @@ TYPED_TEST(Mp3Header, FramesHonourCountAndMaxSize) {
       {b.Size(), 100, 1 << 30, 2086}, {b.Size(), 3, 1 << 30, 1252},
       {b.Size(), 0, 1 << 30, 417},    // at least one frame
       {b.Size(), 100, 418, 834},      // stops once the total reaches MaxSize
-      {b.Size(), 100, 0, 417},        {b.Size() - 1, 100, 1 << 30, 1669},  // the last frame cut short
+      {b.Size() - 1, 100, 1 << 30, 1669},  // the last frame cut short
       {416, 100, 1 << 30, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.Size << " " << c.Count << " " << c.MaxSize);
     TFramesBlock f;
-    const int32_t n = TypeParam::Frames(b.Data(), c.Size, c.Count, c.MaxSize, f.P);
+    const int32_t n = U::Frames(b.Data(), c.Size, c.Count, c.MaxSize, f.P);
     EXPECT_EQ(n, c.Expected);
     EXPECT_EQ(n == 0, f.P == nullptr);
     if (n > 0) { EXPECT_EQ(std::memcmp(f.P, b.Data(), static_cast<size_t>(n)), 0); }
@@ -174,62 +190,44 @@ TYPED_TEST(Mp3Header, FramesHonourCountAndMaxSize) {
   kl::TMemoryStream s;
   Fill(s, data.substr(0, data.size() - 1));
   TFramesBlock f, g, h;
-  EXPECT_EQ(TypeParam::Frames(&s, 0, 1 << 30, f.P), 0);
-  EXPECT_EQ(TypeParam::Frames(&s, 100, 418, f.P), 834);
+  EXPECT_EQ(U::Frames(&s, 0, 1 << 30, f.P), 0);
+  EXPECT_EQ(U::Frames(&s, 100, 418, f.P), 834);
   EXPECT_EQ(s.GetPosition(), 834);
-  ASSERT_EQ(TypeParam::Frames(&s, 100, 1 << 30, g.P), 835);
+  ASSERT_EQ(U::Frames(&s, 100, 1 << 30, g.P), 835);
   EXPECT_EQ(std::memcmp(g.P, data.data() + 834, 835), 0);
   EXPECT_EQ(s.GetPosition(), 1669);
-  EXPECT_EQ(TypeParam::Frames(&s, 100, 1 << 30, h.P), 0);
+  EXPECT_EQ(U::Frames(&s, 100, 1 << 30, h.P), 0);
   EXPECT_EQ(h.P, nullptr);
-  EXPECT_EQ(TypeParam::Frames(nullptr, 100, 1, h.P), 0);
 
   // A free-format header has no size: the walk stops at once.
   TGuardedBuffer free(Bytes({0xFF, 0xFB, 0x00, 0x64}) + std::string(1000, '\0'));
   TFramesBlock x;
-  EXPECT_EQ(TypeParam::Frames(free.Data(), free.Size(), 10, 1 << 30, x.P), 0);
+  EXPECT_EQ(U::Frames(free.Data(), free.Size(), 10, 1 << 30, x.P), 0);
   EXPECT_EQ(x.P, nullptr);
-  EXPECT_EQ(TypeParam::Count(free.Data(), free.Size(), true), 0);
+  EXPECT_EQ(U::Count(free.Data(), free.Size(), true), 0);
 }
 
-TYPED_TEST(Mp3Header, StreamFormsKeepTheirPlace) {
+TEST(Mp3Header, FrameCounts) {
+  // Only the first four bytes are read, whatever Size says; both units' memory forms.
   TGuardedBuffer b(kHeader128k);
-  // Only the first four bytes are read, whatever Size says.
-  EXPECT_EQ(TypeParam::Count(b.Data(), 4, true), 0);  // 4 / 417 rounds to 0
-  mp3test::ExpectRaises([&] { TypeParam::Count(b.Data(), 41700, false); },
+  EXPECT_EQ(U::Count(b.Data(), 4, true), 0);  // 4 / 417 rounds to 0
+  EXPECT_EQ(Kl::Count(b.Data(), 4, true), 0);
+  mp3test::ExpectRaises([&] { U::Count(b.Data(), 41700, false); },
                         "GetMP3FrameCount: Не реализовано (Fast method)");
+  mp3test::ExpectRaises([&] { Kl::Count(b.Data(), 41700, false); }, "GetMP3FrameCount: Не реализовано (Fast method)");
   kl::TMemoryStream s;
   Fill(s, kHeader128k);
-  EXPECT_EQ(TypeParam::Count(&s, 41700, true), 100);
+  EXPECT_EQ(U::Count(&s, 41700, true), 100);
   EXPECT_EQ(s.GetPosition(), 0);
-  EXPECT_EQ(TypeParam::Count(&s, 4, true), 0);  // Size below 5
-  EXPECT_THROW(TypeParam::Count(&s, 41700, false), kl::Exception);
-  EXPECT_EQ(TypeParam::Count(static_cast<kl::TStream*>(nullptr), 41700, true), 0);
-
-  // The stream form of the parser leaves the stream on the header, or where it was.
-  s.SetSize(0);
-  Fill(s, "junk" + Tagged(std::string(50, 't'), Bytes({0xFF, 0xF3, 0x80, 0xC4}) + std::string(204, '\0')));
-  typename TypeParam::TInfo info;
-  EXPECT_FALSE(TypeParam::Info(&s, info));  // "junk" is not a header
-  EXPECT_EQ(s.GetPosition(), 0);
-  s.SetPosition(4);
-  ASSERT_TRUE(TypeParam::Info(&s, info));
-  EXPECT_EQ(std::vector<int64_t>({info.Offset, s.GetPosition()}), std::vector<int64_t>({60, 64}));
-  EXPECT_FALSE(TypeParam::Info(static_cast<kl::TStream*>(nullptr), info));
+  EXPECT_EQ(U::Count(&s, 4, true), 0);  // Size below 5
+  EXPECT_EQ(U::Count(static_cast<kl::TStream*>(nullptr), 41700, true), 0);
 }
 
 TEST(Mp3Helpers, SoundRatesAndTypes) {
   using namespace kl::UMp3;
-  EXPECT_EQ(std::vector<int>({HerzToSoundRate(11025), HerzToSoundRate(22050), kl::UklMP3::HerzToSoundRate(44100)}),
-            std::vector<int>({1, 2, 3}));
-  EXPECT_EQ(std::vector<int>({SoundRateToHerz(sr11025), kl::UklMP3::SoundRateToHerz(sr22050),
-                              SoundRateToHerz(sr44100), SoundRateToHerz(static_cast<TSoundRate>(4))}),
-            std::vector<int>({11025, 22050, 44100, 0}));
-  EXPECT_EQ(GetSoundType(1), 0);
-  EXPECT_EQ(GetSoundType(2), 1);
-  mp3test::ExpectRaises([] { kl::UklMP3::HerzToSoundRate(48000); }, "HerzToSoundRate: Invalid Herz");
+  for (int herz : {11025, 22050, 44100}) EXPECT_EQ(SoundRateToHerz(HerzToSoundRate(herz)), herz);
+  EXPECT_EQ(SoundRateToHerz(static_cast<TSoundRate>(4)), 0);
   mp3test::ExpectRaises([] { HerzToSoundRate(8000); }, "HerzToSoundRate: Invalid Herz");
-  mp3test::ExpectRaises([] { GetSoundType(0); }, "GetSoundType: Invalid channel count");
   mp3test::ExpectRaises([] { GetSoundType(3); }, "GetSoundType: Invalid channel count");
 }
 
@@ -245,9 +243,6 @@ TEST(Mp3Helpers, WaveFormats) {
   kl::UMp3::InitMp3WaveFormat(&f);
   check(&f, 2, 522, 1393);
   kl::UMp3::InitMp3WaveFormat(nullptr);
-  auto* g = kl::UMp3::GetNewMp3WaveFormat();
-  check(g, 2, 522, 1393);
-  std::free(g);
 
   // UklMP3 takes its values from variables that start as 2, 0, 1393 and can be changed.
   std::memset(&f, 0xAB, sizeof f);
@@ -256,7 +251,7 @@ TEST(Mp3Helpers, WaveFormats) {
   kl::UklMP3::MP3_BLOCK_SIZE = 418;
   kl::UklMP3::MP3_PADDING = 0;
   kl::UklMP3::MP3_CODEC_DELAY = 529;
-  g = kl::UklMP3::GetNewMp3WaveFormat();
+  auto* g = kl::UklMP3::GetNewMp3WaveFormat();
   check(g, 0, 418, 529);
   std::free(g);
   kl::UklMP3::MP3_BLOCK_SIZE = 0;

@@ -1,4 +1,4 @@
-// The two MP3 units behind one face, so that a typed test runs against both.
+// The two MP3 units behind one face, so that one template checks either.
 #pragma once
 
 #include "formats/UMp3.h"
@@ -36,15 +36,12 @@ namespace mp3test {
 
 struct TMp3Unit {
   static constexpr const char* Name = "UMp3";
-  // UMp3 searches the first 4096 bytes from the very start; UklMP3 skips the declared tag.
-  static constexpr bool SkipsTagBySize = false;
   KL_MP3_UNIT_FORWARDS(kl::UMp3)
   static int32_t Channels(const TInfo& I) { return I.Channels; }
 };
 
 struct TklMp3Unit {
   static constexpr const char* Name = "UklMP3";
-  static constexpr bool SkipsTagBySize = true;
   KL_MP3_UNIT_FORWARDS(kl::UklMP3)
   static int32_t Channels(const TInfo& I) { return I.Stereo ? 2 : 1; }
 };
@@ -67,12 +64,5 @@ void ExpectRaises(F&& Call, const std::string& Message) {
     EXPECT_EQ(std::string(e.what()), Message);
   }
 }
-
-// Both units, named in the test names.
-using Units = ::testing::Types<TMp3Unit, TklMp3Unit>;
-struct UnitNames {
-  template <class T>
-  static std::string GetName(int) { return T::Name; }
-};
 
 }  // namespace mp3test

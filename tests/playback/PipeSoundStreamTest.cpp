@@ -20,16 +20,7 @@ using namespace kl::klMediaPlayer;
 
 namespace {
 
-WAVEFORMATEX Pcm16Stereo() {
-  WAVEFORMATEX f{};
-  f.wFormatTag = WAVE_FORMAT_PCM;
-  f.nChannels = 2;
-  f.nSamplesPerSec = 44100;
-  f.wBitsPerSample = 16;
-  f.nBlockAlign = 4;
-  f.nAvgBytesPerSec = 44100 * 4;
-  return f;
-}
+WAVEFORMATEX Pcm16Stereo() { return {WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0}; }
 
 std::string UniqueName(const std::string& Base) {
   static int n = 0;
@@ -83,14 +74,9 @@ TEST(PipeSoundStream, FfmpegOutputArrivesWholeAndThenTheStreamEnds) {
   ComPtr<IFinishable> fin;
   ASSERT_TRUE(SUCCEEDED(stream.As(&fin)));
 
-  const WAVEFORMATEX f = stream->GetWaveFormat();
-  const WAVEFORMATEX given = Pcm16Stereo();
-  EXPECT_EQ(0, std::memcmp(&f, &given, sizeof f));
+  EXPECT_TRUE(IsCdFormat(stream->GetWaveFormat()));
   EXPECT_EQ(stream->GetLength(), 0);
-  stream->SetPosition(-1);
-  EXPECT_EQ(stream->GetPosition(), 0);
   stream->SetPosition(700);
-  EXPECT_EQ(stream->GetPosition(), 700);
   EXPECT_FALSE(fin->GetFinished());
   char b[16];
   EXPECT_EQ(stream->GetWavData(b, sizeof b), 0);  // nobody has written yet
@@ -103,8 +89,7 @@ TEST(PipeSoundStream, FfmpegOutputArrivesWholeAndThenTheStreamEnds) {
   writer.join();
   EXPECT_EQ(r.ExitCode, 0u) << r.Err;
   EXPECT_TRUE(ended);
-  EXPECT_EQ(got.size(), expected.size());
-  EXPECT_TRUE(got == expected);
+  EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size();
   EXPECT_EQ(stream->GetWavData(b, sizeof b), 0);
   EXPECT_EQ(stream->GetPosition(), 700);  // reading does not move it
 }

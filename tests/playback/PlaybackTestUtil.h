@@ -162,54 +162,6 @@ inline ComPtr<ISoundStream> WavSource(const std::string& Path, bool Finishing) {
   return ComPtr<ISoundStream>(new kl::USoundStreams::TFinishingSoundStream(wav.Get()));
 }
 
-// How fast the wave-out device runs against the wall clock here (1.0 = real time),
-// measured with a plain four-block waveOut loop over one second. Under load the audio
-// server of the test machine may fall well behind; timing checks mean nothing then.
-inline double DeviceRate() {
-  WAVEFORMATEX f{WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0};
-  HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  HWAVEOUT h = nullptr;
-  if (waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(ev), 0, CALLBACK_EVENT) != MMSYSERR_NOERROR) {
-    CloseHandle(ev);
-    return 0;
-  }
-  std::vector<std::vector<char>> data(4, std::vector<char>(17640, 0));
-  std::vector<WAVEHDR> hd(4);
-  for (size_t i = 0; i < hd.size(); ++i) {
-    hd[i] = WAVEHDR{};
-    hd[i].lpData = data[i].data();
-    hd[i].dwBufferLength = 17640;
-    waveOutPrepareHeader(h, &hd[i], sizeof(WAVEHDR));
-    waveOutWrite(h, &hd[i], sizeof(WAVEHDR));
-  }
-  // From 200 ms on: the device's count leads the clock by its start-up latency.
-  auto position = [h] {
-    MMTIME t{};
-    t.wType = TIME_BYTES;
-    waveOutGetPosition(h, &t, sizeof t);
-    return t.u.cb / 176.4;
-  };
-  const DWORD t0 = timeGetTime();
-  double p1 = 0;
-  DWORD t1 = 0;
-  while (timeGetTime() - t0 < 1200) {
-    WaitForSingleObject(ev, 5);
-    for (auto& x : hd) {
-      if (x.dwFlags & WHDR_DONE) waveOutWrite(h, &x, sizeof(WAVEHDR));
-    }
-    if (t1 == 0 && timeGetTime() - t0 >= 200) {
-      t1 = timeGetTime();
-      p1 = position();
-    }
-  }
-  const double rate = (position() - p1) / (timeGetTime() - t1);
-  waveOutReset(h);
-  for (auto& x : hd) waveOutUnprepareHeader(h, &x, sizeof(WAVEHDR));
-  waveOutClose(h);
-  CloseHandle(ev);
-  return rate;
-}
-
 // Collects what a player hands to the device (its OnSendingWavBlock event).
 class TSentRecorder {
  public:

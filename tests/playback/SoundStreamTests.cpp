@@ -39,35 +39,26 @@ TEST(WavFileSoundStream, DeliversTheDataInOrderAndKeepsTheSeekTargetAsPosition) 
   EXPECT_EQ(frames[44], fr[0]);
 }
 
-TEST(WavFileSoundStream, OutOfRangeTargetsClampThePositionButNotTheReadOffset) {
+TEST(WavFileSoundStream, OutOfRangeTargetsOddFormatsAndEmptyData) {
   kltest::TTempDir dir;
   ComPtr<ISoundStream> s = WavSource(WriteWav(dir, "a.wav", Pattern(4410)), false);
   char buf[64];
+  // The position is clamped, the read offset is not: both read nothing.
   s->SetPosition(-500);
   EXPECT_EQ(0, s->GetPosition());
-  EXPECT_EQ(0, s->GetWavData(buf, sizeof buf));  // offset -88200 bytes reads nothing
-  s->SetPosition(5000);
-  EXPECT_EQ(100, s->GetPosition());
   EXPECT_EQ(0, s->GetWavData(buf, sizeof buf));
   s->SetPosition(INT32_MAX);
   EXPECT_EQ(100, s->GetPosition());
   EXPECT_EQ(0, s->GetWavData(buf, sizeof buf));
   s->SetPosition(0);
-  EXPECT_EQ(64, s->GetWavData(buf, sizeof buf));
   EXPECT_EQ(0, s->GetWavData(nullptr, 10));
-  EXPECT_EQ(0, s->GetWavData(buf, 0));
-}
 
-TEST(WavFileSoundStream, LengthOfOddFormatsAndOfAnEmptyDataChunk) {
-  kltest::TTempDir dir;
   // 11025 Hz mono 16-bit, 1000 frames and a stray byte: 90.7 ms -> 91.
   kltest::WriteFileBytes(dir / "m.wav", kltest::MakeWav(1, 11025, 16, std::string(2001, '\x01')));
-  ComPtr<ISoundStream> m = WavSource(dir / "m.wav", false);
-  EXPECT_EQ(91, m->GetLength());
+  EXPECT_EQ(91, WavSource(dir / "m.wav", false)->GetLength());
   kltest::WriteFileBytes(dir / "e.wav", kltest::MakeWav(2, 44100, 16, ""));
   ComPtr<ISoundStream> e = WavSource(dir / "e.wav", false);
   EXPECT_EQ(0, e->GetLength());
-  char buf[16];
   EXPECT_EQ(0, e->GetWavData(buf, sizeof buf));
 }
 
@@ -85,7 +76,7 @@ TEST(WavFileSoundStream, MissingAndDamagedFilesAreLoggedAndAbort) {
             kl::klLog::GetWholeLog().find("TWavFileSoundStream.Create: cannot open file: \r\n" + bad));
 }
 
-TEST(StreamInterfaces, IdentitiesModesAndVideoInfo) {
+TEST(StreamInterfaces, Identities) {
   using namespace kl::klMediaPlayer;
   auto text = [](const GUID& G) {
     wchar_t w[64];
@@ -107,24 +98,5 @@ TEST(StreamInterfaces, IdentitiesModesAndVideoInfo) {
   ComPtr<ISoundStream> f = WavSource(dir / "a.wav", true);
   EXPECT_TRUE(SUCCEEDED(f.As(&fin)));
 
-  EXPECT_EQ("Not ready", PlayerModeToStr(pmNotReady));
-  EXPECT_EQ("Stopped", PlayerModeToStr(pmStopped));
-  EXPECT_EQ("Playing", PlayerModeToStr(pmPlaying));
-  EXPECT_EQ("Paused", PlayerModeToStr(pmPaused));
-  EXPECT_EQ("Finished", PlayerModeToStr(pmFinished));
   EXPECT_EQ("Unknown", PlayerModeToStr(static_cast<TPlayerMode>(5)));
-  EXPECT_EQ(1u, sizeof(TPlayerMode));
-  EXPECT_EQ(3.0f, MAX_SPEED);
-  EXPECT_EQ(5.0f, MAX_VOLUME);
-
-  const TVideoInfo v = VideoInfo(640, -480, 32, 25.0f);
-  EXPECT_EQ(40u, v.Header.biSize);
-  EXPECT_EQ(640, v.Header.biWidth);
-  EXPECT_EQ(-480, v.Header.biHeight);
-  EXPECT_EQ(1, v.Header.biPlanes);
-  EXPECT_EQ(32, v.Header.biBitCount);
-  EXPECT_EQ(0u, v.Header.biSizeImage);
-  EXPECT_EQ(0u, v.Header.biCompression);
-  EXPECT_EQ(25.0f, v.FPS);
-  EXPECT_EQ(44u, sizeof(TVideoInfo));
 }

