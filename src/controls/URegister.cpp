@@ -8,6 +8,8 @@
 #include "controls/UTimeLineControl.h"
 #include "controls/UVisibleObjectBounder.h"
 #include "controls/VistaAltFixUnit.h"
+#include "controls/klColorButton.h"
+#include "controls/klColorComboBox.h"
 #include "diagnostics/UFileVersionInfo.h"
 #include "diagnostics/klLog.h"
 
@@ -42,10 +44,9 @@ void RegisterComponents(const std::string& Page, const std::vector<TRegisteredCl
 }
 
 void Register() {
-  // The colour pickers, the first-generation player and the FFmpeg player register
-  // their factories from their own units; their names hold their places here.
+  // The players are not components: listed in their places, created by their own units.
   RegisterComponents(PalettePage, {
-                                      {"TklColorComboBox", "", nullptr},
+                                      {"TklColorComboBox", "", Factory<klColorComboBox::TklColorComboBox>()},
                                       {"TklBitBtn", "", Factory<UBitButtonEx::TklBitBtn>()},
                                       {"TklBitBtn2", "", Factory<UBitButtonEx::TklBitBtn2>()},
                                       {"TklMediaPlayer", "", nullptr},
@@ -53,7 +54,7 @@ void Register() {
                                       {"TVistaAltFix", "", Factory<VistaAltFixUnit::TVistaAltFix>()},
                                       {"TVisibleObjectBounder", "",
                                        Factory<UVisibleObjectBounder::TVisibleObjectBounder>()},
-                                      {"TklColorButton", "", nullptr},
+                                      {"TklColorButton", "", Factory<klColorButton::TklColorButton>()},
                                       {"TTimeLineControl", "", Factory<UTimeLineControl::TTimeLineControl>()},
                                       {"TTimeLineControlEx", "", Factory<UTimeLineControl::TTimeLineControlEx>()},
                                       {"TFFmpegPlayer", "", nullptr},

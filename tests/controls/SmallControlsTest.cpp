@@ -234,7 +234,7 @@ TEST(Register, ListsCreatesAndCarriesBitmapsAndVersion) {
     }
     ++created;
   }
-  EXPECT_GE(created, 9);
+  EXPECT_EQ(created, 11);
   EXPECT_EQ(URegister::CreateComponent("TNoSuchClass", form.get()), nullptr);
 
   const std::string dll = kltest::ExeDir() + "klComponents.dll";
