@@ -5,7 +5,9 @@
 //    loud frame has arrived in the audio server's recording (KL_CAPTURE_FILE, s16le
 //    44100 stereo), and until the device position first moves (all there is without a
 //    recording);
-//  - CPU time (user + kernel of the whole process) per minute of audio played.
+//  - CPU time (user + kernel of the whole process) per minute played, and per minute of
+//    audio at speed 1.5 for TklMediaPlayer (its own tempo corrector) and for the first
+//    generation's player of UklMediaPlayer (SoundTouch), next to the hand loop at speed 1.
 // Run it inside the test environment, which starts the recorder:
 //   bash scripts/test.sh --run wine bin/klBench_Player.exe
 #include <windows.h>
@@ -28,7 +30,7 @@ namespace {
 constexpr int RATE = 44100;
 constexpr int BYTES_PER_SECOND = RATE * 4;
 constexpr int BLOCK_BYTES = BYTES_PER_SECOND / 10;
-constexpr int FILE_SECONDS = 24;  // a little more than the CPU interval, so it never runs dry
+constexpr int FILE_SECONDS = 32;  // more than the CPU interval at speed 1.5, so it never runs dry
 constexpr double CPU_SECONDS = 20;
 constexpr int REPEATS = 5;
 constexpr int16_t LOUD = 12000;      // a square wave that is never 0...
@@ -128,20 +130,30 @@ class TPlayerRun {
   virtual double Played() = 0;
 };
 
+void OpenWav(kl::klMediaPlayer::TklMediaPlayer& Player, const std::string& Path) {
+  const kl::ComPtr<kl::klMediaPlayer::ISoundStream> source = new kl::USoundStreams::TWavFileSoundStream(Path);
+  Player.SetSource(source.Get());
+}
+
+void OpenWav(kl::UklMediaPlayer::TklMediaPlayer& Player, const std::string& Path) { Player.OpenFile(Path); }
+
+// Either generation's player; both number their modes alike.
+template <class TPlayer>
 class TLibraryRun : public TPlayerRun {
  public:
-  explicit TLibraryRun(const std::string& Path) {
-    const kl::ComPtr<kl::klMediaPlayer::ISoundStream> source = new kl::USoundStreams::TWavFileSoundStream(Path);
-    FPlayer.SetSource(source.Get());
+  TLibraryRun(const std::string& Path, float Speed) {
+    OpenWav(FPlayer, Path);
+    FPlayer.SetSpeed(Speed);
   }
   ~TLibraryRun() override { FPlayer.Close(); }
-  bool Ready() override { return FPlayer.GetMode() == kl::klMediaPlayer::pmStopped; }
+  bool Ready() override { return static_cast<int>(FPlayer.GetMode()) == kl::klMediaPlayer::pmStopped; }
   void Start() override { FPlayer.Play(); }
   void Idle(DWORD Ms) override { Sleep(Ms); }
+  // Audio seconds: the position counts source time, whatever the speed.
   double Played() override { return FPlayer.GetPosition() / 1000.0; }
 
  private:
-  kl::klMediaPlayer::TklMediaPlayer FPlayer;
+  TPlayer FPlayer;
 };
 
 class THandRun : public TPlayerRun {
@@ -242,7 +254,8 @@ TDelay StartDelay(const TFactory& Make, const TCaptureFile& Capture) {
 }
 
 struct TCpu {
-  double PerMinute = -1;
+  double PerMinute = -1;       // of wall-clock playing
+  double PerAudioMinute = -1;  // of the source's audio
   double Played = 0;
 };
 
@@ -266,6 +279,7 @@ TCpu CpuPerMinute(const TFactory& Make) {
   const double cpu = ProcessCpuSeconds() - cpu0, wall = Seconds() - start;
   r.Played = run->Played();
   r.PerMinute = cpu / wall * 60;
+  if (r.Played > 0) r.PerAudioMinute = cpu / r.Played * 60;
   return r;
 }
 
@@ -283,7 +297,13 @@ void PrintRow(const char* Name, double Library, double Hand, const char* Unit) {
 
 int Run(const std::string& Path) {
   const TCaptureFile capture;
-  const TFactory library = [&Path] { return std::unique_ptr<TPlayerRun>(new TLibraryRun(Path)); };
+  const auto libraryAt = [&Path](float Speed) -> TFactory {
+    return [&Path, Speed] { return std::unique_ptr<TPlayerRun>(new TLibraryRun<kl::klMediaPlayer::TklMediaPlayer>(Path, Speed)); };
+  };
+  const TFactory library = libraryAt(1.0f);
+  const TFactory firstGeneration = [&Path] {
+    return std::unique_ptr<TPlayerRun>(new TLibraryRun<kl::UklMediaPlayer::TklMediaPlayer>(Path, 1.5f));
+  };
   const TFactory hand = [&Path] { return std::unique_ptr<TPlayerRun>(new THandRun(Path)); };
 
   if (!capture.Available()) std::printf("no recording (KL_CAPTURE_FILE): start delay to the position's move only\n");
@@ -302,6 +322,7 @@ int Run(const std::string& Path) {
   }
   std::printf("cpu: %.0f s of playing each\n", CPU_SECONDS);
   const TCpu libCpu = CpuPerMinute(library), ownCpu = CpuPerMinute(hand);
+  const TCpu fastCpu = CpuPerMinute(libraryAt(1.5f)), firstCpu = CpuPerMinute(firstGeneration);
 
   std::printf("\n%-34s %10s %10s %8s\n", "", "library", "hand loop", "ratio");
   if (capture.Available()) PrintRow("start delay to recording, median", Median(libRec), Median(ownRec), "ms");
@@ -309,8 +330,13 @@ int Run(const std::string& Path) {
   PrintRow("CPU per minute played", libCpu.PerMinute * 1000, ownCpu.PerMinute * 1000, "ms (user + kernel)");
   std::printf("%-34s %10.1f %10.1f           s (device position)\n", "audio played in the CPU run", libCpu.Played,
               ownCpu.Played);
+  PrintRow("CPU per audio minute, speed 1.5", fastCpu.PerAudioMinute * 1000, ownCpu.PerAudioMinute * 1000,
+           "ms, klMediaPlayer (own corrector)");
+  PrintRow("CPU per audio minute, speed 1.5", firstCpu.PerAudioMinute * 1000, ownCpu.PerAudioMinute * 1000,
+           "ms, UklMediaPlayer (SoundTouch)");
   const bool recorded = !capture.Available() || (Median(libRec) >= 0 && Median(ownRec) >= 0);
-  const bool measured = Median(libMove) >= 0 && Median(ownMove) >= 0 && libCpu.PerMinute >= 0 && ownCpu.PerMinute >= 0;
+  const bool measured = Median(libMove) >= 0 && Median(ownMove) >= 0 && libCpu.PerMinute >= 0 && ownCpu.PerMinute >= 0 &&
+                        fastCpu.PerAudioMinute >= 0 && firstCpu.PerAudioMinute >= 0;
   return recorded && measured ? 0 : 1;
 }
 

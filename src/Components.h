@@ -26,6 +26,7 @@
 
 #include "playback/klMediaPlayer.h"
 #include "playback/USoundStreams.h"
+#include "playback/UklMediaPlayer.h"
 
 #include "ffmpeg/UFfmpeg.h"
 #include "ffmpeg/UVideoStreams.h"

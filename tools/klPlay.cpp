@@ -2,7 +2,10 @@
 // the library. Shows "position / length  mode" while playing; ends at the end of the
 // file or on any key.
 //
-//   klPlay [--speed S] [--volume V] [--start MS] file.wav|file.mp3
+//   klPlay [--first-generation] [--speed S] [--volume V] [--start MS] file.wav|file.mp3
+//
+// --first-generation plays with UklMediaPlayer's player (tempo through SoundTouch, its
+// own MP3 decoding), so that both generations can be heard and compared.
 #include <conio.h>
 #include <windows.h>
 
@@ -52,8 +55,40 @@ bool IsRiff(const std::string& FileName) {
 }
 
 int Usage() {
-  std::fprintf(stderr, "usage: klPlay [--speed S] [--volume V] [--start MS] file.wav|file.mp3\n");
+  std::fprintf(stderr, "usage: klPlay [--first-generation] [--speed S] [--volume V] [--start MS] file.wav|file.mp3\n");
   return 2;
+}
+
+// Sets the player up, plays and shows the position until the end, a failure or a key.
+// Both generations' players take the same calls; only their mode types differ.
+template <class TPlayer, class TModeText>
+int PlayAndShow(TPlayer& player, float speed, float volume, int32_t start, TModeText modeText) {
+  std::atomic<bool> finished{false};
+  player.SetOnFinish([&finished](void*) { finished = true; });
+  player.SetVolume(volume);
+  player.SetSpeed(speed);
+  if (start != 0) player.SetPosition(start);
+  if (speed != player.GetSpeed()) std::fprintf(stderr, "klPlay: speed %g refused (0 < speed < 3)\n", speed);
+  if (volume != player.GetVolume()) std::fprintf(stderr, "klPlay: volume %g refused (0 to 5)\n", volume);
+  player.Play();
+
+  const std::string length = Clock(player.GetLength());
+  int result = 0;
+  for (;;) {
+    const auto mode = player.GetMode();
+    std::printf("\r%s / %s  %-10s", Clock(player.GetPosition()).c_str(), length.c_str(), modeText(mode).c_str());
+    std::fflush(stdout);
+    if (finished || mode == decltype(mode)::pmFinished) break;
+    if (mode != decltype(mode)::pmPlaying) {
+      result = 1;  // the device refused to start
+      break;
+    }
+    if (KeyPressed()) break;
+    Sleep(100);
+  }
+  std::printf("\n");
+  player.Close();
+  return result;
 }
 
 }  // namespace
@@ -62,6 +97,7 @@ int main(int argc, char** argv) {
   float speed = 1.0f, volume = 1.0f;
   int32_t start = 0;
   std::string file;
+  bool firstGeneration = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if ((a == "--speed" || a == "--volume" || a == "--start") && i + 1 < argc) {
@@ -72,6 +108,8 @@ int main(int argc, char** argv) {
       if (a == "--speed") speed = static_cast<float>(d);
       if (a == "--volume") volume = static_cast<float>(d);
       if (a == "--start") start = static_cast<int32_t>(d);
+    } else if (a == "--first-generation") {
+      firstGeneration = true;
     } else if (!a.empty() && a[0] != '-' && file.empty()) {
       file = a;
     } else {
@@ -79,6 +117,15 @@ int main(int argc, char** argv) {
     }
   }
   if (file.empty()) return Usage();
+  if (firstGeneration) {
+    kl::UklMediaPlayer::TklMediaPlayer player;
+    if (!player.OpenFile(file)) {
+      std::fprintf(stderr, "klPlay: cannot open %s (the library's log says why)\n", file.c_str());
+      return 1;
+    }
+    return PlayAndShow(player, speed, volume, start,
+                       [](kl::UklMediaPlayer::TPlayerMode m) { return kl::UklMediaPlayer::PlayerModeToStr(m); });
+  }
 
   ComPtr<ISoundStream> source;
   try {
@@ -96,32 +143,7 @@ int main(int argc, char** argv) {
   }
 
   TklMediaPlayer player;
-  std::atomic<bool> finished{false};
-  player.SetOnFinish([&finished](void*) { finished = true; });
   player.SetSource(source.Get());
-  player.SetVolume(volume);
-  player.SetSpeed(speed);
-  if (start != 0) player.SetPosition(start);
-  if (speed != player.GetSpeed()) std::fprintf(stderr, "klPlay: speed %g refused (0 < speed < 3)\n", speed);
-  if (volume != player.GetVolume()) std::fprintf(stderr, "klPlay: volume %g refused (0 to 5)\n", volume);
-  player.Play();
-
-  const std::string length = Clock(player.GetLength());
-  int result = 0;
-  for (;;) {
-    const auto mode = player.GetMode();
-    std::printf("\r%s / %s  %-10s", Clock(player.GetPosition()).c_str(), length.c_str(),
-                kl::klMediaPlayer::PlayerModeToStr(mode).c_str());
-    std::fflush(stdout);
-    if (finished || mode == kl::klMediaPlayer::pmFinished) break;
-    if (mode != kl::klMediaPlayer::pmPlaying) {
-      result = 1;  // the device refused to start
-      break;
-    }
-    if (KeyPressed()) break;
-    Sleep(100);
-  }
-  std::printf("\n");
-  player.Close();
-  return result;
+  return PlayAndShow(player, speed, volume, start,
+                     [](kl::klMediaPlayer::TPlayerMode m) { return kl::klMediaPlayer::PlayerModeToStr(m); });
 }

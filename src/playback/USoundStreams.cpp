@@ -136,20 +136,18 @@ TMp3StreamSoundStream::TMp3StreamSoundStream(TStream* Stream, int64_t Start, int
   FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
 }
 
-void TMp3StreamSoundStream::BuildFrameIndex() {
-  int32_t frameSize = UMp3::GetMP3FrameSize(FMp3Info, false);
+std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len) {
+  std::vector<int64_t> frames;
+  int32_t frameSize = UMp3::GetMP3FrameSize(Info, false);
   // Without a first header there is nothing to index (and no size to count frames by).
-  if (frameSize < 1) {
-    klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
-    return;
-  }
+  if (frameSize < 1) return frames;
   // The index never holds more entries than an unpadded frame size allows; it grows as
   // frames are found, so an absurd Len costs nothing up front.
-  const int64_t capacity = FLen / frameSize + 1;
-  FFrames.reserve(static_cast<size_t>(std::min<int64_t>(capacity, 1 << 16)));
+  const int64_t capacity = Len / frameSize + 1;
+  frames.reserve(static_cast<size_t>(std::min<int64_t>(capacity, 1 << 16)));
 
-  FStream->Seek(FMp3Info.Offset + FStart, TSeekOrigin::soBeginning);
-  const int64_t end = FStart + FLen;
+  Stream->Seek(Info.Offset + Start, TSeekOrigin::soBeginning);
+  const int64_t end = Start + Len;
   // Two spare zero bytes behind the block, so a header word read at its very end is
   // defined; the scan itself only trusts what was read.
   std::vector<uint8_t> work(kScanBlock + 4, 0);
@@ -162,7 +160,7 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
   // ends past what was read (variable bit rate) has its unread part stepped over.
   const auto fill = [&](int32_t Need) {
     if (pos > total) {
-      FStream->Seek(pos - total, TSeekOrigin::soCurrent);
+      Stream->Seek(pos - total, TSeekOrigin::soCurrent);
       pos = total;
     }
     if (total - pos >= Need || drained) return;
@@ -170,8 +168,8 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
     total -= pos;
     pos = 0;
     while (total < Need) {
-      const int64_t want = std::min<int64_t>(end - FStream->GetPosition(), kScanBlock - total);
-      const int32_t read = want > 0 ? FStream->ReadFully(buf + total, static_cast<int32_t>(want)) : 0;
+      const int64_t want = std::min<int64_t>(end - Stream->GetPosition(), kScanBlock - total);
+      const int32_t read = want > 0 ? Stream->ReadFully(buf + total, static_cast<int32_t>(want)) : 0;
       if (read <= 0) {
         drained = true;
         return;
@@ -181,7 +179,7 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
   };
   int64_t offset = 0;
   uint16_t lastHeader = 0;
-  while (capacity > static_cast<int64_t>(FFrames.size())) {
+  while (capacity > static_cast<int64_t>(frames.size())) {
     // A short run of foreign bytes between frames is stepped over by looking for the
     // previous frame's first two header bytes within one frame's length. The whole
     // search window is read first: a run may straddle the end of a scan block.
@@ -199,13 +197,19 @@ void TMp3StreamSoundStream::BuildFrameIndex() {
       }
     }
     fill(4);
-    FFrames.push_back(offset);
+    frames.push_back(offset);
     frameSize = pos + 4 <= total ? UMp3::GetMP3FrameSize(buf + pos) : 0;
     if (frameSize <= 0) break;
     lastHeader = Word16(buf + pos);
     pos += frameSize;
     offset += frameSize;
   }
+  return frames;
+}
+
+void TMp3StreamSoundStream::BuildFrameIndex() {
+  FFrames = IndexMp3Frames(FStream, FMp3Info, FStart, FLen);
+  if (FFrames.empty()) klLog::AddToEventLog("TMp3StreamSoundStream.Create: no MPEG audio frame found", klLog::lkError);
 }
 
 int32_t TMp3StreamSoundStream::FramesToMilliseconds(int32_t Frames) const {

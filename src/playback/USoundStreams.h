@@ -116,6 +116,12 @@ class TMp3StreamSoundStream : public TInterfacedObject<ISoundStream> {
   int32_t FPosition = 0;
 };
 
+// Byte offsets of the MPEG audio frames of [Start, Start + Len) behind the first header
+// Info was read from, counted from that header; empty when Info has no frame size. A
+// short run of foreign bytes between frames is stepped over; the very last frame, with
+// nothing behind it, is not taken. Leaves the stream anywhere.
+std::vector<int64_t> IndexMp3Frames(TStream* Stream, const UMp3::TMP3Info& Info, int64_t Start, int64_t Len);
+
 // An MP3 file on disk: owns the file and the stream that decodes it.
 class TMp3FileSoundStream : public TInterfacedObject<ISoundStream> {
  public:

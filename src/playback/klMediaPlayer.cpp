@@ -149,7 +149,7 @@ HINSTANCE ThisModule() {
 LRESULT CALLBACK WaveOutWindowProc(HWND Wnd, UINT Msg, WPARAM WParam, LPARAM LParam) {
   try {
     if (Msg == MM_WOM_DONE) {
-      auto* player = reinterpret_cast<TklMediaPlayer*>(GetWindowLongPtrA(Wnd, GWLP_USERDATA));
+      auto* player = reinterpret_cast<TWaveOutPlayer*>(GetWindowLongPtrA(Wnd, GWLP_USERDATA));
       if (player != nullptr) player->BlockDone(reinterpret_cast<WAVEHDR*>(LParam));
       return 0;
     }
@@ -199,7 +199,7 @@ std::string WaveOutErrorText(MMRESULT Code) {
 
 // --- threads --------------------------------------------------------------------------
 
-TWaveOutThread::TWaveOutThread(TklMediaPlayer* Player) : TThread(true), FPlayer(Player) {}
+TWaveOutThread::TWaveOutThread(TWaveOutPlayer* Player) : TThread(true), FPlayer(Player) {}
 
 TWaveOutThread::~TWaveOutThread() { TerminateAndWait(); }
 
@@ -232,12 +232,12 @@ void TWaveOutThread::Execute() {
   DestroyWindow(wnd);
 }
 
-TWavBufferThread::TWavBufferThread(TklMediaPlayer* Player) : TThread(true), FPlayer(Player) {}
+TWavBufferThread::TWavBufferThread(TWaveOutPlayer* Player) : TThread(true), FPlayer(Player) {}
 
 TWavBufferThread::~TWavBufferThread() { TerminateAndWait(); }
 
 void TWavBufferThread::Execute() {
-  std::vector<uint8_t> block(TklMediaPlayer::WAV_BUFFER_LIMIT);
+  std::vector<uint8_t> block(TWaveOutPlayer::WAV_BUFFER_LIMIT);
   while (!Terminated()) {
     Sleep(10);
     try {
@@ -248,10 +248,9 @@ void TWavBufferThread::Execute() {
   }
 }
 
-// --- TklMediaPlayer -------------------------------------------------------------------
+// --- TWaveOutPlayer -------------------------------------------------------------------
 
-TklMediaPlayer::TklMediaPlayer() {
-  FCorrector = std::make_unique<TTempCorrector>();
+TWaveOutPlayer::TWaveOutPlayer(const TPlayerTexts& Texts) : FTexts(Texts) {
   FWavBuffer = MakeInterface<UPipe::IPipe, UPipe::TPipe>(131072);
   if (!FWavBuffer) throw std::bad_alloc();
   FWaveOutThread = std::make_unique<TWaveOutThread>(this);
@@ -262,7 +261,10 @@ TklMediaPlayer::TklMediaPlayer() {
   PrepareHeaders();
 }
 
-TklMediaPlayer::~TklMediaPlayer() {
+TWaveOutPlayer::~TWaveOutPlayer() { Shutdown(); }
+
+void TWaveOutPlayer::Shutdown() {
+  if (!FWaveOutThread && !FWavBufferThread) return;
   try {
     // Drained while the window still takes the returned blocks.
     Stop();
@@ -276,36 +278,40 @@ TklMediaPlayer::~TklMediaPlayer() {
   }
 }
 
-bool TklMediaPlayer::OnWaveOutThread() const {
+void TWaveOutPlayer::Log(const char* Text, int8_t Kind) {
+  if (Text != nullptr) klLog::AddToEventLog(Text, Kind);
+}
+
+bool TWaveOutPlayer::OnWaveOutThread() const {
   return FWaveOutThread && GetCurrentThreadId() == FWaveOutThread->ThreadID();
 }
 
-ComPtr<ISoundStream> TklMediaPlayer::GetSource() {
+ComPtr<ISoundStream> TWaveOutPlayer::GetSource() {
   std::lock_guard<TCriticalSection> guard(FSourceRefLock);
   return FSoundStream;
 }
 
-TNotifyEvent TklMediaPlayer::GetOnFinish() const {
+TNotifyEvent TWaveOutPlayer::GetOnFinish() const {
   std::lock_guard<TCriticalSection> guard(FEventLock);
   return FOnFinish;
 }
 
-void TklMediaPlayer::SetOnFinish(TNotifyEvent Value) {
+void TWaveOutPlayer::SetOnFinish(TNotifyEvent Value) {
   std::lock_guard<TCriticalSection> guard(FEventLock);
   FOnFinish = std::move(Value);
 }
 
-TSendingWavBlockEvent TklMediaPlayer::GetOnSendingWavBlock() const {
+TSendingWavBlockEvent TWaveOutPlayer::GetOnSendingWavBlock() const {
   std::lock_guard<TCriticalSection> guard(FEventLock);
   return FOnSendingWavBlock;
 }
 
-void TklMediaPlayer::SetOnSendingWavBlock(TSendingWavBlockEvent Value) {
+void TWaveOutPlayer::SetOnSendingWavBlock(TSendingWavBlockEvent Value) {
   std::lock_guard<TCriticalSection> guard(FEventLock);
   FOnSendingWavBlock = std::move(Value);
 }
 
-void TklMediaPlayer::SetSource(ISoundStream* Value) {
+void TWaveOutPlayer::SetSource(ISoundStream* Value) {
   Stop();
   std::lock_guard<TCriticalSection> guard(FSourceLock);
   if (FSoundStream) UnprepareHeaders();
@@ -329,14 +335,17 @@ void TklMediaPlayer::SetSource(ISoundStream* Value) {
   }
 }
 
-int32_t TklMediaPlayer::GetLength() {
+int32_t TWaveOutPlayer::GetLength() {
   ComPtr<ISoundStream> s = GetSource();
   return s ? s->GetLength() : 0;
 }
 
-void TklMediaPlayer::AdjustBufferSize() {
+void TWaveOutPlayer::AdjustBufferSize() {
   ComPtr<ISoundStream> s = GetSource();
-  if (!s) return;
+  if (!s) {
+    Log(FTexts.AdjustNoSource, klLog::lkWarning);
+    return;
+  }
   const WAVEFORMATEX f = s->GetWaveFormat();
   const int64_t size = static_cast<int64_t>(f.nBlockAlign) * f.nSamplesPerSec / 10;
   // A format that asks for more than a few megabytes a tenth of a second is no audio
@@ -350,15 +359,27 @@ void TklMediaPlayer::AdjustBufferSize() {
   }
 }
 
-bool TklMediaPlayer::PrepareHeaders() {
+bool TWaveOutPlayer::PrepareHeaders() {
   ComPtr<ISoundStream> s = GetSource();
-  if (!s || !FWaveOutThread) return false;
+  if (!s || !FWaveOutThread) {
+    Log(FTexts.PrepareNoSource);
+    return false;
+  }
   const WAVEFORMATEX f = s->GetWaveFormat();
   HWAVEOUT h = nullptr;
-  MMRESULT r = waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(FWaveOutThread->Window()), 0,
-                           CALLBACK_WINDOW | WAVE_ALLOWSYNC);
+  const HWND wnd = FWaveOutThread->Window();
+  MMRESULT r = waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(wnd), 0, CALLBACK_WINDOW | WAVE_ALLOWSYNC);
   FLastError.store(static_cast<int32_t>(r));
-  if (r != MMSYSERR_NOERROR) return false;
+  if (r != MMSYSERR_NOERROR) {
+    Log(FTexts.PrepareOpenFailed);
+    if (FTexts.PrepareOpenFormat != nullptr) {
+      klLog::AddToEventLog(Format(FTexts.PrepareOpenFormat, static_cast<int>(reinterpret_cast<intptr_t>(wnd)),
+                                  f.wFormatTag, f.nChannels, static_cast<int>(f.nSamplesPerSec),
+                                  static_cast<int>(f.nAvgBytesPerSec), f.nBlockAlign, f.wBitsPerSample, f.cbSize),
+                           klLog::lkError);
+    }
+    return false;
+  }
   {
     std::lock_guard<TCriticalSection> guard(FLock);
     FWaveOut = h;
@@ -368,29 +389,32 @@ bool TklMediaPlayer::PrepareHeaders() {
     if (header.lpData == nullptr) return false;
     r = waveOutPrepareHeader(FWaveOut, &header, sizeof(WAVEHDR));
     FLastError.store(static_cast<int32_t>(r));
-    if (r != MMSYSERR_NOERROR) return false;
+    if (r != MMSYSERR_NOERROR) {
+      Log(FTexts.PrepareHeaderFailed);
+      return false;
+    }
   }
   return true;
 }
 
-void TklMediaPlayer::UnprepareHeaders() {
+void TWaveOutPlayer::UnprepareHeaders() {
   if (FWaveOut == nullptr) return;
   for (auto& header : FHeaders) waveOutUnprepareHeader(FWaveOut, &header, sizeof(WAVEHDR));
 }
 
-void TklMediaPlayer::DecStopFlag() {
+void TWaveOutPlayer::DecStopFlag() {
   int32_t n = FStopFlag.load();
   while (!FStopFlag.compare_exchange_weak(n, n > 0 ? n - 1 : 0)) {
   }
 }
 
-void TklMediaPlayer::BlockDone(WAVEHDR* Header) {
+void TWaveOutPlayer::BlockDone(WAVEHDR* Header) {
   DecStopFlag();
   const TPlayerMode m = FMode.load();
   if (m == pmPlaying || m == pmPaused) QueueNextBuffer(Header);
 }
 
-void TklMediaPlayer::FillWavBuffer(std::vector<uint8_t>& Block) {
+void TWaveOutPlayer::FillWavBuffer(std::vector<uint8_t>& Block) {
   std::lock_guard<TCriticalSection> guard(FSourceLock);
   if (!FSoundStream) return;
   const int32_t free = std::min<int32_t>(WAV_BUFFER_LIMIT - FWavBuffer->GetSizeToRead(),
@@ -400,7 +424,7 @@ void TklMediaPlayer::FillWavBuffer(std::vector<uint8_t>& Block) {
   if (n > 0) FWavBuffer->Write(Block.data(), std::min(n, free));
 }
 
-bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
+bool TWaveOutPlayer::QueueNextBuffer(WAVEHDR* Header) {
   TQueueOutcome outcome;
   const bool result = FillAndWrite(Header, outcome);
   // Only now, with the counter Stop waits for down: a handler or the box may wait for
@@ -419,7 +443,7 @@ bool TklMediaPlayer::QueueNextBuffer(WAVEHDR* Header) {
   return result;
 }
 
-bool TklMediaPlayer::FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome) {
+bool TWaveOutPlayer::FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome) {
   // Stop waits for this too: the blocks must not change under a queueing in flight.
   FQueueing.fetch_add(1);
   struct TDone {
@@ -463,24 +487,17 @@ bool TklMediaPlayer::FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome) {
     if (m != pmPlaying && m != pmPaused) return false;
   }
 
-  int32_t size = FWavBuffer->Read(Header->lpData, FBufferSize);
+  const WAVEFORMATEX format = source->GetWaveFormat();
+  int32_t size = ReadBlock(Header->lpData, FBufferSize, format);
   if (size == 0) {
     if (FStopFlag.load() == 0) {
       FMode.store(pmFinished);
       Outcome.Finished = true;
     }
-    klLog::AddToEventLog("TklMediaPlayer.QueueNextBuffer: WavBuffer.Read(...) = 0", klLog::lkError);
+    Log(FTexts.QueueEnd);
     return true;
   }
 
-  const WAVEFORMATEX format = source->GetWaveFormat();
-  {
-    std::lock_guard<TCriticalSection> guard(FLock);
-    if (FCorrector->GetTempo() != 1.0f) {
-      FCorrector->SetFormat(&format);
-      size = FCorrector->Correct(Header->lpData, size);
-    }
-  }
   if (GetOnSendingWavBlock()) {
     Outcome.Sent = true;
     Outcome.Block.assign(Header->lpData, Header->lpData + size);
@@ -506,7 +523,7 @@ bool TklMediaPlayer::FillAndWrite(WAVEHDR* Header, TQueueOutcome& Outcome) {
   return false;
 }
 
-void TklMediaPlayer::ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format) {
+void TWaveOutPlayer::ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format) {
   const double volume = FVolume.load();
   if (Format.wBitsPerSample == 16) {
     auto* p = static_cast<int16_t*>(Buffer);
@@ -523,14 +540,14 @@ void TklMediaPlayer::ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX&
   }
 }
 
-bool TklMediaPlayer::Play() {
+bool TWaveOutPlayer::Play() {
   if (!GetSource()) {
-    klLog::AddToEventLog("TklMediaPlayer.Play: FSoundStream = nil", klLog::lkError);
+    Log(FTexts.PlayNoSource);
     return false;
   }
   const TPlayerMode mode = FMode.load();
   if (mode == pmNotReady || mode == pmPlaying) {
-    klLog::AddToEventLog("TklMediaPlayer.Play: Mode in [pmPlaying, pmNotReady]", klLog::lkError);
+    Log(FTexts.PlayBadMode);
     return false;
   }
   if (mode == pmPaused) {
@@ -544,7 +561,7 @@ bool TklMediaPlayer::Play() {
   }
   {
     std::lock_guard<TCriticalSection> guard(FLock);
-    FCorrector->Init(0);
+    InitTempo(0);
   }
   FStopFlag.store(0);
   FMode.store(pmPlaying);
@@ -555,20 +572,20 @@ bool TklMediaPlayer::Play() {
     klLog::AddToEventLog(std::string("TklMediaPlayer.Play: ") + E.what(), klLog::lkError);
   }
   if (!ok) {
-    klLog::AddToEventLog("TklMediaPlayer.Play: QueueNextBuffer error", klLog::lkError);
+    Log(FTexts.PlayQueueFailed);
     Stop();
   }
   return true;
 }
 
-void TklMediaPlayer::Pause() {
+void TWaveOutPlayer::Pause() {
   if (FMode.load() != pmPlaying) return;
   std::lock_guard<TCriticalSection> guard(FLock);
   FLastError.store(static_cast<int32_t>(waveOutPause(FWaveOut)));
   FMode.store(pmPaused);
 }
 
-void TklMediaPlayer::Stop() {
+void TWaveOutPlayer::Stop() {
   const TPlayerMode mode = FMode.load();
   if (mode == pmNotReady || mode == pmStopped) return;
   FMode.store(pmStopped);
@@ -590,7 +607,7 @@ void TklMediaPlayer::Stop() {
   }
 }
 
-void TklMediaPlayer::CloseDevices() {
+void TWaveOutPlayer::CloseDevices() {
   if (FWaveOut != nullptr) {
     waveOutPause(FWaveOut);
     waveOutReset(FWaveOut);
@@ -606,7 +623,7 @@ void TklMediaPlayer::CloseDevices() {
   FOldDevices.clear();
 }
 
-void TklMediaPlayer::Close() {
+void TWaveOutPlayer::Close() {
   // Drained first: a device still holding blocks refuses to close.
   Stop();
   FMode.store(pmNotReady);
@@ -619,7 +636,7 @@ void TklMediaPlayer::Close() {
   Sleep(100);
 }
 
-int32_t TklMediaPlayer::BytesToMilliseconds(int64_t Bytes) {
+int32_t TWaveOutPlayer::BytesToMilliseconds(int64_t Bytes) {
   ComPtr<ISoundStream> s = GetSource();
   if (!s) return 0;
   const WAVEFORMATEX f = s->GetWaveFormat();
@@ -628,7 +645,7 @@ int32_t TklMediaPlayer::BytesToMilliseconds(int64_t Bytes) {
   return static_cast<int32_t>(std::min<int64_t>(ms, INT32_MAX));
 }
 
-int32_t TklMediaPlayer::GetPosition() {
+int32_t TWaveOutPlayer::GetPosition() {
   ComPtr<ISoundStream> s = GetSource();
   if (!s) return 0;
   int64_t result = s->GetPosition();
@@ -641,7 +658,7 @@ int32_t TklMediaPlayer::GetPosition() {
   return static_cast<int32_t>(std::clamp<int64_t>(result, INT32_MIN, INT32_MAX));
 }
 
-uint64_t TklMediaPlayer::DeviceBytesPlayed() {
+uint64_t TWaveOutPlayer::DeviceBytesPlayed() {
   MMTIME t{};
   t.wType = TIME_BYTES;
   if (FWaveOut == nullptr || waveOutGetPosition(FWaveOut, &t, sizeof t) != MMSYSERR_NOERROR || t.wType != TIME_BYTES) {
@@ -654,13 +671,16 @@ uint64_t TklMediaPlayer::DeviceBytesPlayed() {
   return FDeviceBytesHigh + t.u.cb;
 }
 
-void TklMediaPlayer::ResetDeviceBytes() {
+void TWaveOutPlayer::ResetDeviceBytes() {
   FDeviceBytesHigh = 0;
   FDeviceBytesLast = 0;
 }
 
-void TklMediaPlayer::SetPosition(int32_t Ms) {
-  if (!GetSource()) return;
+void TWaveOutPlayer::SetPosition(int32_t Ms) {
+  if (!GetSource()) {
+    Log(FTexts.SetPositionNoSource);
+    return;
+  }
   const bool wasPlaying = FMode.load() == pmPlaying;
   if (FMode.load() != pmStopped) Stop();
   {
@@ -685,7 +705,7 @@ void TklMediaPlayer::SetPosition(int32_t Ms) {
   if (wasPlaying) Play();
 }
 
-void TklMediaPlayer::SetSpeed(float Value) {
+void TWaveOutPlayer::SetSpeed(float Value) {
   if (!(Value > 0 && Value < MAX_SPEED) || Value == FSpeed.load()) return;
   FSpeed.store(Value);
   int32_t p;
@@ -693,18 +713,63 @@ void TklMediaPlayer::SetSpeed(float Value) {
     // The played part is scaled by the new speed already, as the player always did.
     std::lock_guard<TCriticalSection> guard(FLock);
     p = GetPosition();
-    FCorrector->Init(Value);
+    InitTempo(Value);
   }
   // Outside the lock: the seek stops the device and waits for the wave-out thread,
   // which needs the lock to finish the block it may be queueing.
   SetPosition(p);
 }
 
-void TklMediaPlayer::SetVolume(float Value) {
+void TWaveOutPlayer::SetVolume(float Value) {
   if (!(Value >= 0 && Value <= MAX_VOLUME) || Value == FVolume.load()) return;
   FVolume.store(Value);
 }
 
-std::string TklMediaPlayer::GetErrorMessage() const { return FLastError.load() < 1 ? "OK" : ""; }
+std::string TWaveOutPlayer::GetErrorMessage() const { return FLastError.load() < 1 ? "OK" : ""; }
+
+int32_t TWaveOutPlayer::ReadBlock(void* Data, int32_t Size, const WAVEFORMATEX& Format) {
+  const int32_t size = FWavBuffer->Read(Data, Size);
+  if (size == 0) return 0;
+  std::lock_guard<TCriticalSection> guard(FLock);
+  return CorrectTempo(Data, size, Format);
+}
+
+int32_t TWaveOutPlayer::ReadSource(void* Data, int32_t Size) {
+  int32_t n = FWavBuffer->Read(Data, Size);
+  if (n < Size) {
+    std::lock_guard<TCriticalSection> guard(FSourceLock);
+    if (FSoundStream) n += std::max(0, FSoundStream->GetWavData(static_cast<uint8_t*>(Data) + n, Size - n));
+  }
+  return n;
+}
+
+// --- TklMediaPlayer -------------------------------------------------------------------
+
+namespace {
+const TPlayerTexts PLAYER_TEXTS = {
+    "TklMediaPlayer.Play: FSoundStream = nil",
+    "TklMediaPlayer.Play: Mode in [pmPlaying, pmNotReady]",
+    "TklMediaPlayer.Play: QueueNextBuffer error",
+    "TklMediaPlayer.QueueNextBuffer: WavBuffer.Read(...) = 0",
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+}  // namespace
+
+TklMediaPlayer::TklMediaPlayer() : TWaveOutPlayer(PLAYER_TEXTS), FCorrector(std::make_unique<TTempCorrector>()) {}
+
+TklMediaPlayer::~TklMediaPlayer() { Shutdown(); }
+
+int32_t TklMediaPlayer::CorrectTempo(void* Data, int32_t Size, const WAVEFORMATEX& Format) {
+  if (FCorrector->GetTempo() == 1.0f) return Size;
+  FCorrector->SetFormat(&Format);
+  return FCorrector->Correct(Data, Size);
+}
+
+void TklMediaPlayer::InitTempo(float Tempo) { FCorrector->Init(Tempo); }
 
 }  // namespace kl::klMediaPlayer

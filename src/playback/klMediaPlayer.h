@@ -151,13 +151,13 @@ class TTempCorrector {
 
 // --- media player ---------------------------------------------------------------------
 
-class TklMediaPlayer;
+class TWaveOutPlayer;
 
 // Owns the hidden "WaveOutWindow" window that receives the device's block-done
 // messages; every block after the first two is queued from this thread.
 class TWaveOutThread : public TThread {
  public:
-  explicit TWaveOutThread(TklMediaPlayer* Player);
+  explicit TWaveOutThread(TWaveOutPlayer* Player);
   ~TWaveOutThread() override;
   HWND Window() const { return FWindow.load(); }
 
@@ -166,34 +166,53 @@ class TWaveOutThread : public TThread {
 
  private:
   std::atomic<HWND> FWindow{nullptr};
-  TklMediaPlayer* FPlayer;
+  TWaveOutPlayer* FPlayer;
 };
 
 // Keeps the player's read-ahead pipe topped up from its source every 10 ms.
 class TWavBufferThread : public TThread {
  public:
-  explicit TWavBufferThread(TklMediaPlayer* Player);
+  explicit TWavBufferThread(TWaveOutPlayer* Player);
   ~TWavBufferThread() override;
 
  protected:
   void Execute() override;
 
  private:
-  TklMediaPlayer* FPlayer;
+  TWaveOutPlayer* FPlayer;
 };
 
 using TNotifyEvent = std::function<void(void* Sender)>;
 using TSendingWavBlockEvent = std::function<void(void* Buffer, int32_t Size)>;
 
+// What a player generation logs where the two word their messages differently; a null
+// text is not logged.
+struct TPlayerTexts {
+  const char* PlayNoSource;
+  const char* PlayBadMode;
+  const char* PlayQueueFailed;
+  // The read-ahead gave nothing for a block: the end of the source.
+  const char* QueueEnd;
+  const char* PrepareNoSource;
+  const char* PrepareOpenFailed;
+  const char* PrepareHeaderFailed;
+  // Format of a line describing the device and format of a failed open (the window
+  // handle, then the format's fields in order, cbSize last).
+  const char* PrepareOpenFormat;
+  const char* SetPositionNoSource;
+  const char* AdjustNoSource;
+};
+
 // Plays any ISoundStream on the wave-out device: two tenth-of-a-second blocks in turn,
-// fed from a read-ahead pipe, with speed (tempo corrector) and software volume.
-// Call the public operations from one thread; the events come on the player's threads.
-class TklMediaPlayer {
+// fed from a read-ahead pipe, with a tempo step that the generations fill in and a
+// software volume. Call the public operations from one thread; the events come on the
+// player's threads. A derived player calls Shutdown first in its destructor, so that no
+// thread reaches its part of the object once it is going.
+class TWaveOutPlayer {
  public:
-  TklMediaPlayer();
-  ~TklMediaPlayer();
-  TklMediaPlayer(const TklMediaPlayer&) = delete;
-  TklMediaPlayer& operator=(const TklMediaPlayer&) = delete;
+  virtual ~TWaveOutPlayer();
+  TWaveOutPlayer(const TWaveOutPlayer&) = delete;
+  TWaveOutPlayer& operator=(const TWaveOutPlayer&) = delete;
 
   void SetSource(ISoundStream* Value);
   ComPtr<ISoundStream> GetSource();
@@ -242,9 +261,25 @@ class TklMediaPlayer {
   void FillWavBuffer(std::vector<uint8_t>& Block);
   // The device sent a block back (MM_WOM_DONE).
   void BlockDone(WAVEHDR* Header);
+  int32_t GetBufferSize() const { return FBufferSize; }
 
   // The read-ahead limit: three seconds of 44.1 kHz 16-bit stereo.
   static constexpr int32_t WAV_BUFFER_LIMIT = 529200;
+
+ protected:
+  explicit TWaveOutPlayer(const TPlayerTexts& Texts);
+  // Stops, ends both threads and closes the device; safe to call again.
+  void Shutdown();
+  // The next block of at most Size bytes as it is to be heard (tempo included), or 0
+  // at the end. By default the read-ahead as it is, then CorrectTempo over it.
+  virtual int32_t ReadBlock(void* Data, int32_t Size, const WAVEFORMATEX& Format);
+  // Changes the tempo of a block in place; returns its new size.
+  virtual int32_t CorrectTempo(void*, int32_t Size, const WAVEFORMATEX&) { return Size; }
+  // Restarts the tempo step, with a new tempo unless Tempo is 0. Runs under the lock.
+  virtual void InitTempo(float Tempo) = 0;
+  // Source bytes in order for a tempo step: the read-ahead first, then the source itself.
+  int32_t ReadSource(void* Data, int32_t Size);
+  TCriticalSection& DeviceLock() { return FLock; }
 
  private:
   // What QueueNextBuffer reports once the queueing counter has dropped.
@@ -261,7 +296,9 @@ class TklMediaPlayer {
   bool OnWaveOutThread() const;
   void ApplyVolume(void* Buffer, int32_t Size, const WAVEFORMATEX& Format);
   void CloseDevices();
+  void Log(const char* Text, int8_t Kind = 1);
 
+  TPlayerTexts FTexts;
   ComPtr<ISoundStream> FSoundStream;
   std::atomic<TPlayerMode> FMode{pmNotReady};
   std::atomic<float> FSpeed{1.0f};
@@ -273,7 +310,6 @@ class TklMediaPlayer {
   std::vector<HWAVEOUT> FOldDevices;
   std::vector<uint8_t> FBuffers[2];
   WAVEHDR FHeaders[2]{};
-  std::unique_ptr<TTempCorrector> FCorrector;
   TCriticalSection FLock;
   // Serialises every use of the source and the read-ahead refills, so that blocks
   // from different threads never interleave or cross a seek.
@@ -293,6 +329,20 @@ class TklMediaPlayer {
   ComPtr<UPipe::IPipe> FWavBuffer;
   TSendingWavBlockEvent FOnSendingWavBlock;
   TNotifyEvent FOnFinish;
+};
+
+// The player of this generation: tempo through the corrector above.
+class TklMediaPlayer : public TWaveOutPlayer {
+ public:
+  TklMediaPlayer();
+  ~TklMediaPlayer() override;
+
+ protected:
+  int32_t CorrectTempo(void* Data, int32_t Size, const WAVEFORMATEX& Format) override;
+  void InitTempo(float Tempo) override;
+
+ private:
+  std::unique_ptr<TTempCorrector> FCorrector;
 };
 
 // --- frames player --------------------------------------------------------------------
