@@ -405,6 +405,11 @@ TklMediaPlayer::TklMediaPlayer()
 
 TklMediaPlayer::~TklMediaPlayer() { Shutdown(); }
 
+void TklMediaPlayer::Close() {
+  TWaveOutPlayer::Close();
+  FSoundStream.reset();
+}
+
 bool TklMediaPlayer::OpenFile(const std::string& FileName) {
   if (!FileExists(FileName)) {
     klLog::AddToEventLog("TklMediaPlayer.OpenFile: file not found " + FileName, klLog::lkError);

@@ -187,7 +187,6 @@ class TklMediaPlayer : protected klMediaPlayer::TWaveOutPlayer {
   TSoundStream* GetSoundStream() const { return FSoundStream.get(); }
 
   using TWaveOutPlayer::BytesToMilliseconds;
-  using TWaveOutPlayer::Close;
   using TWaveOutPlayer::GetErrorMessage;
   using TWaveOutPlayer::GetLength;
   using TWaveOutPlayer::GetOnFinish;
@@ -204,6 +203,8 @@ class TklMediaPlayer : protected klMediaPlayer::TWaveOutPlayer {
   using TWaveOutPlayer::SetSpeed;
   using TWaveOutPlayer::SetVolume;
   using TWaveOutPlayer::Stop;
+  // Closes the device and lets the stream go (and with it a stream it owns).
+  void Close();
   TPlayerMode GetMode() const { return static_cast<TPlayerMode>(TWaveOutPlayer::GetMode()); }
   // Bytes per block handed to the device.
   int32_t GetBlockSize() const { return GetBufferSize(); }
