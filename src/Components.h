@@ -30,3 +30,11 @@
 
 #include "ffmpeg/UFfmpeg.h"
 #include "ffmpeg/UVideoStreams.h"
+
+#include "rtl/Controls.h"
+#include "rtl/Forms.h"
+#include "rtl/Graphics.h"
+
+#include "controls/UHint.h"
+#include "controls/UModalForms.h"
+#include "controls/UTimeLineControl.h"
