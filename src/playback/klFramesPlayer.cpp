@@ -17,6 +17,10 @@ namespace {
 // steps on Windows, which would make every frame up to a whole frame late at 60 fps.
 uint32_t Ticks() { return timeGetTime(); }
 
+// The player whose FrameProc runs on this thread (Play called from its own OnFrame or
+// OnFinish must not wait for the callback it is called from).
+thread_local const TFramesPlayer* tlsInCallback = nullptr;
+
 // The interface hands bitmaps over as 32-bit values; GDI handles are sign-extended.
 HBITMAP ToBitmap(uint32_t Handle) {
   return reinterpret_cast<HBITMAP>(static_cast<intptr_t>(static_cast<int32_t>(Handle)));
@@ -30,8 +34,12 @@ TFramesPlayer::~TFramesPlayer() {
   FMode = pmStopped;
   WaitForTimers();
   // The bounded wait may end while a callback is still inside (a source can block for
-  // seconds in GetFrame): no callback may outlive the player, so wait for the timers
-  // that really exist. With the mode stopped, each ends its chain.
+  // seconds in GetFrame): no callback may outlive the player.
+  WaitForChainEnd();
+}
+
+void TFramesPlayer::WaitForChainEnd() {
+  // Only the timers that really exist; with the mode not pmPlaying each ends its chain.
   while (FTimers.load() > FLostTimers.load()) Sleep(1);
 }
 
@@ -81,6 +89,16 @@ bool TFramesPlayer::Play() {
     klLog::AddToEventLog("TFramesPlayer.Play: FSource = nil", klLog::lkWarning);
     return false;
   }
+  // A timer of the previous chain may still be pending (Play right after Pause, or Play
+  // while playing): it would go on beside the new chain, fetching and drawing at the same
+  // time as this thread. End that chain and wait until its last callback has returned.
+  // From this player's own callback, that callback goes on with the new chain itself.
+  const bool nested = tlsInCallback == this;
+  if (!nested) {
+    TPlayerMode playing = pmPlaying;
+    FMode.compare_exchange_strong(playing, pmPaused);
+    WaitForChainEnd();
+  }
   InitSync();
   const bool ok = PrepareFrame() && DrawFrame();
   if (ok) {
@@ -89,7 +107,7 @@ bool TFramesPlayer::Play() {
     klLog::AddToEventLog("TFramesPlayer.Play: PrepareFrame or DrawFrame failed", klLog::lkWarning);
   }
   klLog::AddToEventLog("TFramesPlayer.Play: before NextFrame", klLog::lkInformation);
-  NextFrame();
+  if (!nested) NextFrame();
   return ok;
 }
 
@@ -142,6 +160,8 @@ void CALLBACK TFramesPlayer::FrameProc(UINT, UINT, DWORD_PTR User, DWORD_PTR, DW
     klLog::AddToEventLog("FrameProc: Player = nil", klLog::lkWarning);
     return;
   }
+  const TFramesPlayer* const outer = tlsInCallback;
+  tlsInCallback = player;
   player->DrawFrame();
   player->PrepareFrame();
   const TPlayerMode mode = player->FMode.load();
@@ -152,6 +172,7 @@ void CALLBACK TFramesPlayer::FrameProc(UINT, UINT, DWORD_PTR User, DWORD_PTR, DW
   }
   // Counted down last, after the next timer (if any) is counted: a waiting Stop or
   // destructor then never sees 0 while this callback still uses the player.
+  tlsInCallback = outer;
   --player->FTimers;
 }
 

@@ -195,6 +195,30 @@ std::string WaveOutErrorText(MMRESULT Code) {
   return UAudioConverter::AcmErrorText(Code);
 }
 
+// The player events running on this thread, innermost first: a player destroyed by a
+// handler marks its own, so that the code that called the handler returns without
+// touching the freed object.
+struct TEventScope {
+  const TWaveOutPlayer* Player;
+  TEventScope* Outer;
+  bool Gone = false;
+};
+thread_local TEventScope* tlsEvents = nullptr;
+
+// Enters an event scope for Player on this thread; Gone() after the handler returned
+// says the player no longer exists.
+class TEventGuard {
+ public:
+  explicit TEventGuard(const TWaveOutPlayer* Player) : FScope{Player, tlsEvents} { tlsEvents = &FScope; }
+  ~TEventGuard() { tlsEvents = FScope.Outer; }
+  TEventGuard(const TEventGuard&) = delete;
+  TEventGuard& operator=(const TEventGuard&) = delete;
+  bool Gone() const { return FScope.Gone; }
+
+ private:
+  TEventScope FScope;
+};
+
 }  // namespace
 
 // --- threads --------------------------------------------------------------------------
@@ -264,6 +288,9 @@ TWaveOutPlayer::TWaveOutPlayer(const TPlayerTexts& Texts) : FTexts(Texts) {
 TWaveOutPlayer::~TWaveOutPlayer() { Shutdown(); }
 
 void TWaveOutPlayer::Shutdown() {
+  for (TEventScope* s = tlsEvents; s != nullptr; s = s->Outer) {
+    if (s->Player == this) s->Gone = true;
+  }
   if (!FWaveOutThread && !FWavBufferThread) return;
   try {
     // Drained while the window still takes the returned blocks.
@@ -271,6 +298,14 @@ void TWaveOutPlayer::Shutdown() {
   } catch (...) {
   }
   FWavBufferThread.reset();
+  if (OnWaveOutThread()) {
+    // Released from its own event on the wave-out thread, which cannot wait for itself:
+    // its window stops handing blocks to this object, and the thread leaves its loop
+    // once the event has returned and then frees itself.
+    if (const HWND wnd = FWaveOutThread->Window()) SetWindowLongPtrA(wnd, GWLP_USERDATA, 0);
+    FWaveOutThread->Terminate();
+    if (FWaveOutThread->FreeOnExit()) (void)FWaveOutThread.release();
+  }
   FWaveOutThread.reset();
   try {
     Close();
@@ -430,11 +465,17 @@ bool TWaveOutPlayer::QueueNextBuffer(WAVEHDR* Header) {
   // Only now, with the counter Stop waits for down: a handler or the box may wait for
   // the host's thread, and the host's thread may be waiting in Stop.
   if (outcome.Finished) {
-    if (TNotifyEvent handler = GetOnFinish()) handler(this);
+    if (TNotifyEvent handler = GetOnFinish()) {
+      const TEventGuard event(this);
+      handler(this);
+      if (event.Gone()) return result;  // the handler destroyed the player
+    }
   }
   if (outcome.Sent) {
     if (TSendingWavBlockEvent handler = GetOnSendingWavBlock()) {
+      const TEventGuard event(this);
       handler(outcome.Block.data(), static_cast<int32_t>(outcome.Block.size()));
+      if (event.Gone()) return result;
     }
   }
   if (outcome.WriteError != MMSYSERR_NOERROR) {
@@ -567,7 +608,11 @@ bool TWaveOutPlayer::Play() {
   FMode.store(pmPlaying);
   bool ok = false;
   try {
-    ok = QueueNextBuffer(&FHeaders[0]) && QueueNextBuffer(&FHeaders[1]);
+    // OnFinish may come here already, from a source with less than a block, and its
+    // handler may destroy the player.
+    const TEventGuard event(this);
+    ok = QueueNextBuffer(&FHeaders[0]) && !event.Gone() && QueueNextBuffer(&FHeaders[1]);
+    if (event.Gone()) return true;
   } catch (const std::exception& E) {
     klLog::AddToEventLog(std::string("TklMediaPlayer.Play: ") + E.what(), klLog::lkError);
   }
@@ -664,16 +709,17 @@ uint64_t TWaveOutPlayer::DeviceBytesPlayed() {
   if (FWaveOut == nullptr || waveOutGetPosition(FWaveOut, &t, sizeof t) != MMSYSERR_NOERROR || t.wType != TIME_BYTES) {
     return 0;
   }
-  // The device counts in 32 bits, which wrap after 6 h 45 min of CD audio; a count
-  // that went back without a reset has wrapped (positions are read far more often).
-  if (t.u.cb < FDeviceBytesLast) FDeviceBytesHigh += uint64_t{1} << 32;
-  FDeviceBytesLast = t.u.cb;
-  return FDeviceBytesHigh + t.u.cb;
+  return FDeviceBytes.Widen(t.u.cb);
+}
+
+uint64_t TWideByteCount::Widen(uint32_t Count) {
+  if (Count < FLast) FHigh += uint64_t{1} << 32;
+  FLast = Count;
+  return FHigh + Count;
 }
 
 void TWaveOutPlayer::ResetDeviceBytes() {
-  FDeviceBytesHigh = 0;
-  FDeviceBytesLast = 0;
+  FDeviceBytes = TWideByteCount();
 }
 
 void TWaveOutPlayer::SetPosition(int32_t Ms) {

@@ -185,6 +185,18 @@ class TWavBufferThread : public TThread {
 using TNotifyEvent = std::function<void(void* Sender)>;
 using TSendingWavBlockEvent = std::function<void(void* Buffer, int32_t Size)>;
 
+// The device's 32-bit byte count (it wraps after 6 h 45 min of CD audio) widened to 64
+// bits: a count that went back since the last one has wrapped (positions are read far
+// more often than that). A reset of the device starts a new counter.
+class TWideByteCount {
+ public:
+  uint64_t Widen(uint32_t Count);
+
+ private:
+  uint64_t FHigh = 0;
+  uint32_t FLast = 0;
+};
+
 // What a player generation logs where the two word their messages differently; a null
 // text is not logged.
 struct TPlayerTexts {
@@ -207,7 +219,8 @@ struct TPlayerTexts {
 // fed from a read-ahead pipe, with a tempo step that the generations fill in and a
 // software volume. Call the public operations from one thread; the events come on the
 // player's threads. A derived player calls Shutdown first in its destructor, so that no
-// thread reaches its part of the object once it is going.
+// thread reaches its part of the object once it is going. A handler of OnFinish or
+// OnSendingWavBlock may destroy the player.
 class TWaveOutPlayer {
  public:
   virtual ~TWaveOutPlayer();
@@ -318,8 +331,7 @@ class TWaveOutPlayer {
   // waits behind a slow read of the source.
   mutable TCriticalSection FSourceRefLock;
   mutable TCriticalSection FEventLock;
-  uint64_t FDeviceBytesHigh = 0;
-  uint32_t FDeviceBytesLast = 0;
+  TWideByteCount FDeviceBytes;
   int32_t FBufferSize = 0;
   std::atomic<int32_t> FStopFlag{0};
   std::atomic<int32_t> FLastError{0};
@@ -382,7 +394,8 @@ class TFramesPlayer {
   RECT GetTargetRect() const { return FTargetRect; }
 
   // Shows the first frame at once and schedules the rest; false (mode pmFinished when
-  // the source had no frame) when the first frame could not be fetched or drawn.
+  // the source had no frame) when the first frame could not be fetched or drawn. A timer
+  // still pending from before (after Pause) fires first: one chain at a time.
   bool Play();
   // The pending timer still draws one more frame, then the chain ends.
   void Pause();
@@ -419,6 +432,8 @@ class TFramesPlayer {
 
  private:
   static void CALLBACK FrameProc(UINT TimerID, UINT Msg, DWORD_PTR User, DWORD_PTR, DWORD_PTR);
+  // Without a time-out: until no timer that exists is pending.
+  void WaitForChainEnd();
 
   ComPtr<IVideoStream> FSource;
   std::atomic<TPlayerMode> FMode{pmNotReady};

@@ -46,7 +46,14 @@ void TThread::TerminateAndWait() {
 
 bool TThread::FreeOnExit() {
   int running = 0;
-  return FExitState.compare_exchange_strong(running, 2);
+  if (!FExitState.compare_exchange_strong(running, 2)) return false;
+  if (!FStarted && FHandle != nullptr) {
+    // Never started: run it through an empty body, after which it deletes itself.
+    FStarted = true;
+    FFinished.store(true);
+    ResumeThread(FHandle);
+  }
+  return true;
 }
 
 uint32_t TThread::WaitFor() {
