@@ -158,7 +158,8 @@ bool ChooseColor(TColor& Color) {
   picker.SetBounds(GetSystemMetrics(SM_XVIRTUALSCREEN), GetSystemMetrics(SM_YVIRTUALSCREEN), w, h);
   picker.Image->SetBounds(0, 0, w, h);
   picker.Image->SetParent(&picker);
-  picker.Image->SetFocus();
+  // The image takes the keys (Escape) once the picker is up.
+  picker.OnActivate = [&picker](TComponent*) { picker.Image->SetFocus(); };
   if (picker.ShowModal() != mrOk) return false;
   Color = picker.Result;
   return true;
