@@ -29,12 +29,20 @@
 #include "playback/UklMediaPlayer.h"
 
 #include "ffmpeg/UFfmpeg.h"
+#include "ffmpeg/UFfmpegPlayer.h"
 #include "ffmpeg/UVideoStreams.h"
 
 #include "rtl/Controls.h"
 #include "rtl/Forms.h"
 #include "rtl/Graphics.h"
 
+#include "controls/UBitButtonEx.h"
+#include "controls/UCustomPaintControls.h"
 #include "controls/UHint.h"
 #include "controls/UModalForms.h"
+#include "controls/UMyLabel.h"
+#include "controls/URegister.h"
 #include "controls/UTimeLineControl.h"
+#include "controls/UVisibleObjectBounder.h"
+#include "controls/VistaAltFixUnit.h"
+#include "diagnostics/UFileVersionInfo.h"

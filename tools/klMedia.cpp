@@ -8,16 +8,22 @@
 //                                              decoded frames as OUTDIR\frame_000001.bmp ...
 //   klMedia encode INDIR OUTPUT --fps F [--bitrate B] [--quality Q]
 //                                              a video from INDIR's *.bmp files, in name order
+//   klMedia play FILE [--speed S] [--volume V] [--start MS]
+//                                              plays the film in a window with its sound
+//                                              (TFFmpegPlayer); space pauses, the arrows
+//                                              seek 5 s, q or Esc quits
 //
 // OPTIONS are handed to ffmpeg as they are, joined by blanks. Exit code 0 on success, 1
 // on failure (one line on standard error), 2 for a wrong command line.
 #include <windows.h>
 
+#include <conio.h>
 #include <fcntl.h>
 #include <io.h>
 #include <tlhelp32.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -37,7 +43,8 @@ int Usage() {
                "       klMedia extract VIDEO SOUND [OPTIONS...]\n"
                "       klMedia mux VIDEO SOUND OUTPUT [OPTIONS...]\n"
                "       klMedia frames FILE OUTDIR [--size WxH] [--from S] [--to S] [--fps F]\n"
-               "       klMedia encode INDIR OUTPUT --fps F [--bitrate B] [--quality Q]\n");
+               "       klMedia encode INDIR OUTPUT --fps F [--bitrate B] [--quality Q]\n"
+               "       klMedia play FILE [--speed S] [--volume V] [--start MS]\n");
   return 2;
 }
 
@@ -261,6 +268,109 @@ int Encode(const std::vector<std::string>& A) {
   return 0;
 }
 
+
+// --- playing a film -----------------------------------------------------------------
+
+// What the window and the console asked for: 0 none, else ' ', '<', '>' or 'q'.
+std::atomic<char> Command{0};
+
+LRESULT CALLBACK PlayWindowProc(HWND Wnd, UINT Msg, WPARAM W, LPARAM L) {
+  if (Msg == WM_KEYDOWN) {
+    if (W == VK_SPACE) Command = ' ';
+    if (W == VK_LEFT) Command = '<';
+    if (W == VK_RIGHT) Command = '>';
+    if (W == 'Q' || W == VK_ESCAPE) Command = 'q';
+    return 0;
+  }
+  if (Msg == WM_CLOSE) {
+    Command = 'q';
+    return 0;
+  }
+  return DefWindowProcA(Wnd, Msg, W, L);
+}
+
+// A key on the console: arrows come as a prefix byte and a scan code.
+void ReadConsoleKey() {
+  DWORD mode = 0;
+  if (!GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) || !_kbhit()) return;
+  const int c = _getch();
+  if (c == 0 || c == 0xE0) {
+    const int scan = _getch();
+    if (scan == 75) Command = '<';
+    if (scan == 77) Command = '>';
+  } else if (c == ' ') {
+    Command = ' ';
+  } else if (c == 'q' || c == 'Q' || c == 27) {
+    Command = 'q';
+  }
+}
+
+std::string Clock(int32_t Ms) {
+  if (Ms < 0) Ms = 0;
+  return kl::Format("%02d:%02d.%01d", Ms / 60000, Ms / 1000 % 60, Ms / 100 % 10);
+}
+
+int Play(const std::vector<std::string>& A) {
+  std::vector<std::string> v;
+  double speed = 1, volume = 1, start = 0;
+  if (!ReadOptions(A, 2, {"--speed", "--volume", "--start"}, v) || !ToNumber(v[0], speed) ||
+      !ToNumber(v[1], volume) || !ToNumber(v[2], start)) {
+    return Usage();
+  }
+  if (!Exists(A[1])) return Fail("file not found: " + A[1]);
+  using namespace kl::klMediaPlayer;
+  kl::UFfmpegPlayer::TFFmpegPlayer player;
+  player.SetSpeed(static_cast<float>(speed));
+  player.SetVolume(static_cast<float>(volume));
+  if (!player.Open(A[1])) return Fail("cannot play " + A[1] + " (see the library's log)");
+  const RECT r = player.GetTargetRect();
+  WNDCLASSA wc{};
+  wc.lpfnWndProc = PlayWindowProc;
+  wc.hInstance = GetModuleHandleA(nullptr);
+  wc.hCursor = LoadCursor(nullptr, IDC_ARROW);
+  wc.hbrBackground = static_cast<HBRUSH>(GetStockObject(BLACK_BRUSH));
+  wc.lpszClassName = "klMediaPlay";
+  RegisterClassA(&wc);
+  RECT frame{0, 0, std::max<LONG>(r.right - r.left, 160), std::max<LONG>(r.bottom - r.top, 90)};
+  AdjustWindowRect(&frame, WS_OVERLAPPEDWINDOW, FALSE);
+  HWND wnd = CreateWindowExA(0, "klMediaPlay", ("klMedia - " + A[1]).c_str(), WS_OVERLAPPEDWINDOW | WS_VISIBLE,
+                             CW_USEDEFAULT, CW_USEDEFAULT, frame.right - frame.left, frame.bottom - frame.top, nullptr,
+                             nullptr, wc.hInstance, nullptr);
+  if (wnd == nullptr) return Fail("cannot open a window");
+  player.SetTargetWindow(wnd);
+  if (start > 0) player.SetPosition(static_cast<int32_t>(start));
+  player.Play();
+  const std::string length = Clock(player.GetLength());
+  for (;;) {
+    MSG msg;
+    while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
+      TranslateMessage(&msg);
+      DispatchMessageA(&msg);
+    }
+    ReadConsoleKey();
+    const char c = Command.exchange(0);
+    if (c == 'q') break;
+    if (c == ' ') {
+      if (player.GetMode() == pmPlaying) {
+        player.Pause();
+      } else {
+        player.Play();
+      }
+    }
+    if (c == '<' || c == '>') player.SetPosition(std::max(0, player.GetPosition() + (c == '<' ? -5000 : 5000)));
+    const auto mode = player.GetMode();
+    std::printf("\r%s / %s  %-10s", Clock(player.GetPosition()).c_str(), length.c_str(),
+                PlayerModeToStr(mode).c_str());
+    std::fflush(stdout);
+    if (mode == pmFinished) break;
+    Sleep(50);
+  }
+  std::printf("\n");
+  player.Close();
+  DestroyWindow(wnd);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -274,6 +384,7 @@ int main(int argc, char** argv) {
   try {
     if (a[0] == "frames" && a.size() >= 3) return Frames(a);
     if (a[0] == "encode" && a.size() >= 3) return Encode(a);
+    if (a[0] == "play" && a.size() >= 2) return Play(a);
   } catch (const std::exception& e) {
     return Fail(e.what());
   }

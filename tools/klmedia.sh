@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs klMedia through Wine: tools/klmedia.sh info FILE | extract VIDEO SOUND [OPTIONS...] |
+# Runs klMedia through Wine: tools/klmedia.sh info FILE | play FILE [--speed S] ... |
+# extract VIDEO SOUND [OPTIONS...] |
 # mux VIDEO SOUND OUTPUT [OPTIONS...]. Absolute Linux paths become Windows paths; relative
 # ones work as they are (Wine starts in the current directory).
 # Uses $KL_BUILD (default: build/ of this checkout); build first with scripts/test.sh.

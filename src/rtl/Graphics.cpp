@@ -116,6 +116,12 @@ void TCanvas::Ellipse(int Left, int Top, int Right, int Bottom) {
   ::Ellipse(FDC, Left, Top, Right, Bottom);
 }
 
+void TCanvas::RoundRect(int Left, int Top, int Right, int Bottom, int CornerWidth, int CornerHeight) {
+  UsePen();
+  UseBrush();
+  ::RoundRect(FDC, Left, Top, Right, Bottom, CornerWidth, CornerHeight);
+}
+
 void TCanvas::DrawFocusRect(const RECT& R) {
   // The dotted XOR frame uses the DC's text and background colours.
   COLORREF text = SetTextColor(FDC, RGB(0, 0, 0));
@@ -310,7 +316,7 @@ void TPngImage::Draw(HDC DC, int X, int Y) const {
   AlphaBlend(DC, X, Y, FWidth, FHeight, tmp.DC(), 0, 0, FWidth, FHeight, bf);
 }
 
-bool TPngImage::SaveBitmap(const TBitmap& Bitmap, const std::string& FileName) {
+bool TPngImage::SaveBitmap(const TBitmap& Bitmap, const std::string& FileName, bool Alpha) {
   if (Bitmap.Empty()) return false;
   TComScope com;
   GdiFlush();
@@ -319,7 +325,7 @@ bool TPngImage::SaveBitmap(const TBitmap& Bitmap, const std::string& FileName) {
   ComPtr<IWICBitmapEncoder> encoder;
   ComPtr<IWICBitmapFrameEncode> frame;
   std::wstring wname(FileName.begin(), FileName.end());
-  WICPixelFormatGUID fmt = GUID_WICPixelFormat32bppBGR;
+  WICPixelFormatGUID fmt = Alpha ? GUID_WICPixelFormat32bppBGRA : GUID_WICPixelFormat32bppBGR;
   UINT stride = static_cast<UINT>(Bitmap.Width()) * 4;
   bool ok = factory && SUCCEEDED(factory->CreateStream(&stream)) &&
             SUCCEEDED(stream->InitializeFromFilename(wname.c_str(), GENERIC_WRITE)) &&

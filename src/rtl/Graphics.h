@@ -82,6 +82,7 @@ class TCanvas {
   void MoveTo(int X, int Y);
   void LineTo(int X, int Y);
   void Ellipse(int Left, int Top, int Right, int Bottom);
+  void RoundRect(int Left, int Top, int Right, int Bottom, int CornerWidth, int CornerHeight);
   void DrawFocusRect(const RECT& R);
   // Text in the font's colour; the background is the brush's unless the brush is clear.
   void TextOut(int X, int Y, const std::string& Text);
@@ -152,8 +153,9 @@ class TPngImage {
   const std::vector<uint32_t>& Pixels() const { return FPixels; }
   // Blends the image onto DC at (X, Y) with its per-pixel alpha.
   void Draw(HDC DC, int X, int Y) const;
-  // Writes Bitmap as a PNG (alpha ignored: the pixels are written opaque).
-  static bool SaveBitmap(const TBitmap& Bitmap, const std::string& FileName);
+  // Writes Bitmap as a PNG; with Alpha the top bytes are its straight alpha, else the
+  // pixels are written opaque.
+  static bool SaveBitmap(const TBitmap& Bitmap, const std::string& FileName, bool Alpha = false);
 
  private:
   int FWidth = 0, FHeight = 0;

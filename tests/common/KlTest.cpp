@@ -3,7 +3,6 @@
 #include <shellapi.h>
 
 #include <cstring>
-#include <thread>
 
 #include "rtl/SysUtils.h"
 
@@ -64,7 +63,7 @@ std::string ChildCommandLine(const std::string& Role, const std::vector<std::str
 
 }  // namespace
 
-TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs, const std::string& Input) {
+TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs) {
   TRunResult r;
   SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
   THandle outR, outW, errR, errW, inR, inW;
@@ -91,11 +90,7 @@ TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs, const std::strin
   outW.Close();
   errW.Close();
   inR.Close();
-  std::thread inThread([&] {
-    DWORD n = 0;
-    if (!Input.empty()) WriteFile(inW.H, Input.data(), static_cast<DWORD>(Input.size()), &n, nullptr);
-    inW.Close();
-  });
+  inW.Close();
   // Polled rather than read to the end: under Wine a helper process the child starts
   // (the desktop) may inherit the pipes and keep them open after the child is gone.
   const ULONGLONG deadline = GetTickCount64() + TimeoutMs;
@@ -114,7 +109,6 @@ TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs, const std::strin
     }
   }
   GetExitCodeProcess(pi.hProcess, &r.ExitCode);
-  inThread.join();  // the pipe broke with the child, if it had not read everything
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
   return r;
@@ -172,8 +166,7 @@ TTempDir::TTempDir() {
   }
 }
 
-TTempDir::~TTempDir() { DeleteTree(FPath); }
-
+namespace {
 void DeleteTree(const std::string& Dir) {
   const std::string base = kl::IncludeTrailingPathDelimiter(Dir);
   WIN32_FIND_DATAA fd;
@@ -193,6 +186,9 @@ void DeleteTree(const std::string& Dir) {
   }
   RemoveDirectoryA(base.c_str());
 }
+}  // namespace
+
+TTempDir::~TTempDir() { DeleteTree(FPath); }
 
 std::string ReadFileBytes(const std::string& FileName) {
   std::string r;

@@ -39,8 +39,9 @@ struct TRunResult {
   std::string Err;  // standard error
 };
 
-// Runs a command line hidden, collects its output, waits at most TimeoutMs (then kills).
-TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs = 60000, const std::string& Input = "");
+// Runs a command line hidden with an empty standard input, collects its output, waits
+// at most TimeoutMs (then kills).
+TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs = 60000);
 // Runs this executable in a child role.
 TRunResult RunChild(const std::string& Role, const std::vector<std::string>& Args, DWORD TimeoutMs = 60000);
 // A child role started without waiting; the caller ends it.
@@ -76,7 +77,6 @@ class TTempDir {
  private:
   std::string FPath;
 };
-void DeleteTree(const std::string& Dir);
 
 std::string ReadFileBytes(const std::string& FileName);
 bool WriteFileBytes(const std::string& FileName, const std::string& Bytes);

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstring>
 #include <numeric>
 #include <tuple>
@@ -129,18 +130,13 @@ TEST(DibSection, PalettisedBitCountsAndColourTables) {
     DIBSECTION ds{};
     GetObject(b, sizeof ds, &ds);
     EXPECT_EQ(ds.dsBm.bmBitsPixel, bpp) << n;
-    if (table > 0) {
-      HDC dc = CreateCompatibleDC(nullptr);
-      HGDIOBJ old = SelectObject(dc, b);
+    {  // the table holds the palette, then zeros
+      TDC dc(b);
       std::vector<RGBQUAD> got(256);
-      EXPECT_EQ(GetDIBColorTable(dc, 0, 256, got.data()), static_cast<UINT>(table)) << n;
-      for (int i = 0; i < table; ++i) {
-        uint32_t v = 0;
-        std::memcpy(&v, &got[static_cast<size_t>(i)], 4);
-        EXPECT_EQ(v, i < n ? pal[static_cast<size_t>(i)] : 0u) << n << " entry " << i;
-      }
-      SelectObject(dc, old);
-      DeleteDC(dc);
+      EXPECT_EQ(GetDIBColorTable(dc.DC, 0, 256, got.data()), static_cast<UINT>(table)) << n;
+      std::vector<uint32_t> want(static_cast<size_t>(table), 0);
+      std::copy_n(pal.begin(), std::min(n, table), want.begin());
+      EXPECT_EQ(std::memcmp(got.data(), want.data(), want.size() * 4), 0) << n;
     }
     DeleteObject(b);
   }

@@ -10,6 +10,7 @@
 #include <random>
 #include <limits>
 #include <stdexcept>
+#include <type_traits>
 
 #include "KlTest.h"
 #include "Mp3TestSupport.h"
@@ -79,6 +80,7 @@ void StreamForms(const std::string& Bytes, std::mt19937& Rng) {
   typename TUnit::TInfo mem;
   Require(TUnit::Info(Bytes.data() + start, seen, mem) == ok && std::memcmp(&mem, &info, sizeof mem) == 0,
           "stream and memory forms disagree");
+  if constexpr (std::is_same_v<TUnit, mp3test::TklMp3Unit>) return;  // the rest is forwarded to UMp3
 
   s.SetPosition(start);
   const int32_t count = static_cast<int32_t>(Rng() % 300) - 5;

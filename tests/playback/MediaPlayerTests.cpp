@@ -280,7 +280,7 @@ TEST(MediaPlayer, SpeedTwoHalvesTheTimeAndKeepsThePitch) {
   EXPECT_NEAR(440, freq, 25);
 }
 
-TEST(MediaPlayer, SpeedAndVolumeLimits) {
+TEST(MediaPlayer, LimitsModesAndPositionWithoutPlaying) {
   TklMediaPlayer p;
   EXPECT_EQ(1.0f, p.GetSpeed());
   EXPECT_EQ(1.0f, p.GetVolume());
@@ -299,11 +299,9 @@ TEST(MediaPlayer, SpeedAndVolumeLimits) {
   EXPECT_EQ(0, p.BytesToMilliseconds(176400));
   EXPECT_FALSE(p.Play());
   EXPECT_NE(std::string::npos, kl::klLog::GetWholeLog().find("TklMediaPlayer.Play: FSoundStream = nil"));
-}
 
-TEST(MediaPlayer, ModesAndPositionWithoutPlaying) {
+  // With a source but not playing.
   kltest::TTempDir dir;
-  TklMediaPlayer p;
   p.SetSource(WavSource(WriteWav(dir, "a.wav", Pattern(RATE * 2)), false).Get());
   EXPECT_EQ(pmStopped, p.GetMode());
   EXPECT_EQ(2000, p.GetLength());
