@@ -15,11 +15,20 @@ namespace tone = kltest::tempo;
 TEST(WavRates, SaveAsKeepsDurationAndPitchFromAnyRate) {
   kltest::TTempDir dir;
   for (const int from : {8000, 16000, 32000, 96000}) {
-    // 1.5 s of a 1 kHz tone, stereo, as ffmpeg writes it.
-    const std::string src = dir / kl::Format("src%d.wav", from);
-    ASSERT_EQ(0u, kltest::Ffmpeg(kl::Format("-f lavfi -i sine=frequency=1000:sample_rate=%d:duration=1.5 -ac 2 ", from) +
-                                 kltest::Quote(src))
+    // 1.5 s of a 1 kHz tone, stereo. ffmpeg would write rates above 48000 as an extensible
+    // format, so the file is written by the library from ffmpeg's raw samples.
+    const std::string raw = dir / kl::Format("src%d.raw", from);
+    ASSERT_EQ(0u, kltest::Ffmpeg(kl::Format("-f lavfi -i sine=frequency=1000:sample_rate=%d:duration=1.5 -ac 2 -f s16le ",
+                                            from) +
+                                 kltest::Quote(raw))
                       .ExitCode);
+    const std::string samples = kltest::ReadFileBytes(raw);
+    const std::string src = dir / kl::Format("src%d.wav", from);
+    {
+      kl::UWAV::TWAVFile w(src, 16, static_cast<uint32_t>(from), 2);
+      w.AddData(samples.data(), static_cast<int32_t>(samples.size()));
+      w.Save();
+    }
     kl::UWAV::TWAVFile wav(src);
     for (const int to : {11025, 22050, 44100, 48000}) {
       SCOPED_TRACE(kl::Format("%d -> %d", from, to));
