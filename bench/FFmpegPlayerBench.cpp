@@ -90,9 +90,12 @@ std::string MakeFilm() {
   head.append(reinterpret_cast<const char*>(&f), 16);
   head += "data";
   put32(static_cast<uint32_t>(pcm.size()));
-  kl::TFileStream out(wav, kl::fmCreate);
-  out.WriteBuffer(head.data(), static_cast<int32_t>(head.size()));
-  out.WriteBuffer(pcm.data(), static_cast<int32_t>(pcm.size()));
+  {
+    // Closed before ffmpeg opens it.
+    kl::TFileStream out(wav, kl::fmCreate);
+    out.WriteBuffer(head.data(), static_cast<int32_t>(head.size()));
+    out.WriteBuffer(pcm.data(), static_cast<int32_t>(pcm.size()));
+  }
   // The numbers are drawn small and scaled up without filtering: a plain colour per frame.
   const std::string cmd = "\"" + Ffmpeg() + "\" -hide_banner -loglevel error -y -f lavfi -i \"color=c=black:s=32x18:r=" +
                           std::to_string(kFps) + ":d=" + std::to_string(kSeconds) +
