@@ -290,23 +290,30 @@ bool TMp3SoundStream::FillBuffer() {
   if (FFirstConvert) flags |= ACM_STREAMCONVERTF_START;
   FFirstConvert = false;
   FAcmHeader.cbSrcLength = n;
-  FAcmHeader.cbDstLengthUsed = 0;
-  const MMRESULT r = acmStreamConvert(FAcmStream, &FAcmHeader, flags);
-  if (r != MMSYSERR_NOERROR) {
+  // Everything the block yields is taken, so the decoder never builds up a backlog of
+  // sound that the end of the data would then cut off.
+  bool pipeFailed = false;
+  MMRESULT r = MMSYSERR_NOERROR;
+  const bool ok = UAudioConverter::AcmConvertAll(
+      FAcmStream, FAcmHeader, flags,
+      [this, &pipeFailed](const uint8_t* Data, DWORD Size) {
+        if (FPipe->Write(Data, static_cast<int32_t>(Size))) return true;
+        AddToLog(Format("TMp3SoundStream.FillBuffer: Pipe.Write failed, AcmHeader.pbDst: %d, AcmHeader.cbDstLengthUsed: %d",
+                        static_cast<int>(reinterpret_cast<intptr_t>(Data)), static_cast<int>(Size)));
+        pipeFailed = true;
+        return false;
+      },
+      r);
+  if (!ok && !pipeFailed) {
     AddToLog("TMp3SoundStream.FillBuffer: acmStreamConvert failed - " + UAudioConverter::AcmErrorText(r));
     FEnded = true;
     return false;
   }
+  if (pipeFailed) return false;
   // What the decoder did not take (its output was full) goes first into the next block.
   const DWORD taken = std::min<DWORD>(FAcmHeader.cbSrcLengthUsed, n);
   FCarry = last ? 0 : n - taken;
   if (FCarry > 0) std::memmove(FMp3Buf.data(), FMp3Buf.data() + taken, FCarry);
-  const DWORD used = std::min<DWORD>(FAcmHeader.cbDstLengthUsed, static_cast<DWORD>(FWavBuf.size()));
-  if (used > 0 && !FPipe->Write(FAcmHeader.pbDst, static_cast<int32_t>(used))) {
-    AddToLog(Format("TMp3SoundStream.FillBuffer: Pipe.Write failed, AcmHeader.pbDst: %d, AcmHeader.cbDstLengthUsed: %d",
-                    static_cast<int>(reinterpret_cast<intptr_t>(FAcmHeader.pbDst)), static_cast<int>(used)));
-    return false;
-  }
   return true;
 }
 
