@@ -39,17 +39,7 @@ const TChirp& Chirp() {
   return chirp;
 }
 
-std::vector<TFrame> ReadAll(ISoundStream* S, int32_t Chunk = 7777) {
-  std::string got;
-  std::vector<char> buf(static_cast<size_t>(Chunk));
-  // Bounded: a stream that never ends is a fault of its own.
-  for (int i = 0; i < 100000; ++i) {
-    const int32_t n = S->GetWavData(buf.data(), Chunk);
-    if (n <= 0) break;
-    got.append(buf.data(), static_cast<size_t>(n));
-  }
-  return Frames(got);
-}
+std::vector<TFrame> ReadAll(ISoundStream* S, int32_t Chunk = 7777) { return Frames(ReadAllBytes(S, Chunk)); }
 
 // The offset at which Ours[From .. From + Count) matches Theirs best (Theirs index minus
 // Ours index), and the largest sample difference there.

@@ -42,16 +42,7 @@ std::vector<int16_t> Samples(const std::string& Raw) {
   return r;
 }
 
-std::vector<int16_t> ReadAll(ISoundStream* S) {
-  std::string got;
-  std::vector<char> buf(17640);
-  for (int i = 0; i < 100000; ++i) {
-    const int32_t n = S->GetWavData(buf.data(), 17640);
-    if (n <= 0) break;
-    got.append(buf.data(), static_cast<size_t>(n));
-  }
-  return Samples(got);
-}
+std::vector<int16_t> ReadAll(ISoundStream* S) { return Samples(ReadAllBytes(S, 17640)); }
 
 // The frame lag in [MinLag, MaxLag] at which Ours[From, From + Count) (in frames of Ch
 // samples) matches Theirs best, as Theirs index minus Ours index; MaxDiff there.

@@ -168,6 +168,19 @@ inline std::string InOrder(const TPlayed& P, size_t First, size_t Last, int64_t 
   return "";
 }
 
+// Everything a stream delivers, read Chunk bytes at a time; bounded, as a stream that
+// never ends is a fault of its own.
+inline std::string ReadAllBytes(ISoundStream* S, int32_t Chunk) {
+  std::string got;
+  std::vector<char> buf(static_cast<size_t>(Chunk));
+  for (int i = 0; i < 100000; ++i) {
+    const int32_t n = S->GetWavData(buf.data(), Chunk);
+    if (n <= 0) break;
+    got.append(buf.data(), static_cast<size_t>(n));
+  }
+  return got;
+}
+
 inline ComPtr<ISoundStream> WavSource(const std::string& Path, bool Finishing) {
   ComPtr<ISoundStream> wav = new kl::USoundStreams::TWavFileSoundStream(Path);
   if (!Finishing) return wav;
