@@ -86,7 +86,8 @@ TEST(FFmpegPlayer, SeeksByRestartingBothProcessesAndIsDestroyedWhilePlaying) {
               2);
     EXPECT_EQ(p.GetMode(), pmPlaying);
     EXPECT_GE(p.GetPosition(), 2500);
-    ASSERT_TRUE(fftest::WaitUntil([&] { return w.Last() >= 90; }, 10000));
+    // A second before the end: pictures that ran late catch up at 1 ms a frame.
+    ASSERT_TRUE(fftest::WaitUntil([&] { return w.Last() >= 75; }, 10000));
     heardRaw = kltest::TCapture::Since(w.Mark);
     runs = w.Runs();
     EXPECT_EQ(w.Finishes.load(), 0);
