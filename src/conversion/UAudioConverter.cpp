@@ -465,7 +465,8 @@ bool TAcmConverter::Open() {
     const auto* f = reinterpret_cast<const WAVEFORMATEX*>(block->data());
     if (f->wFormatTag != kPcmTag && IsPcmFormat(f)) {
       const WAVEFORMATEX plain = PlainPcmFormat(*f);
-      block->assign(reinterpret_cast<const uint8_t*>(&plain), reinterpret_cast<const uint8_t*>(&plain) + kBaseFormatSize);
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&plain);
+      block->assign(bytes, bytes + kBaseFormatSize);
     }
   }
   WAVEFORMATEX* in = AsFormat(FInFormat);

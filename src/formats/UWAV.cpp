@@ -414,7 +414,8 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
     // The compression manager refuses PCM in an extensible record: give it the plain one.
     if (UAudioConverter::IsPcmFormat(Format())) {
       const WAVEFORMATEX plain = UAudioConverter::PlainPcmFormat(*Format());
-      srcBlock.assign(reinterpret_cast<const uint8_t*>(&plain), reinterpret_cast<const uint8_t*>(&plain) + sizeof plain);
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&plain);
+      srcBlock.assign(bytes, bytes + sizeof plain);
     }
     WAVEFORMATEX& src = *reinterpret_cast<WAVEFORMATEX*>(srcBlock.data());
     WAVEFORMATEX dst{};
