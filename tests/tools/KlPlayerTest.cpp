@@ -112,6 +112,26 @@ bool StatusTimes(HWND Status, int& Pos, int& Len) {
   return true;
 }
 
+// klPlayer.exe started on File, with its window and status line once they are there.
+struct TPlayer {
+  kltest::TProcess Process;
+  HWND Top = nullptr, Status = nullptr;
+
+  bool Start(const std::string& File) {
+    std::string cmd = kltest::Quote(kltest::ExeDir() + "klPlayer.exe") + " " + kltest::Quote(File);
+    STARTUPINFOA si{};
+    si.cb = sizeof si;
+    if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &Process.Info)) return false;
+    TFind top{Process.Info.dwProcessId, "klPlayer - " + kl::ExtractFileName(File)};
+    return WaitUntil(
+        [&] {
+          EnumWindows(&FindTop, reinterpret_cast<LPARAM>(&top));
+          return (Top = top.Found) != nullptr && (Status = Child(Top, " / ", false)) != nullptr;
+        },
+        20000);
+  }
+};
+
 }  // namespace
 
 TEST(KlPlayer, PlaysSeeksOnAClickPausesOnSpaceAndClosesWithItsFfmpeg) {
@@ -127,20 +147,10 @@ TEST(KlPlayer, PlaysSeeksOnAClickPausesOnSpaceAndClosesWithItsFfmpeg) {
             0u);
   const int ffmpegBefore = FfmpegCount();
 
-  kltest::TProcess player;
-  std::string cmd = kltest::Quote(kltest::ExeDir() + "klPlayer.exe") + " " + kltest::Quote(film);
-  STARTUPINFOA si{};
-  si.cb = sizeof si;
-  ASSERT_TRUE(CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &player.Info));
-  TFind top{player.Info.dwProcessId, "klPlayer - count.mkv"};
-  HWND status = nullptr;
-  ASSERT_TRUE(WaitUntil(
-      [&] {
-        EnumWindows(&FindTop, reinterpret_cast<LPARAM>(&top));
-        return top.Found && (status = Child(top.Found, " / ", false)) != nullptr;
-      },
-      20000));
-  const HWND picture = Child(top.Found, "Picture"), seek = Child(top.Found, "Seek bar");
+  TPlayer player;
+  ASSERT_TRUE(player.Start(film));
+  const HWND status = player.Status;
+  const HWND picture = Child(player.Top, "Picture"), seek = Child(player.Top, "Seek bar");
   ASSERT_TRUE(picture && seek);
 
   // Playing: the picture shows a frame of the film, the marker has left 0, the status
@@ -168,7 +178,7 @@ TEST(KlPlayer, PlaysSeeksOnAClickPausesOnSpaceAndClosesWithItsFfmpeg) {
   EXPECT_LT(done, sr.right * 8 / 10);
 
   // Space pauses: the picture stays.
-  PostMessageA(top.Found, WM_KEYDOWN, VK_SPACE, 1);
+  PostMessageA(player.Top, WM_KEYDOWN, VK_SPACE, 1);
   EXPECT_TRUE(WaitUntil([&] { return Text(status).find("Paused") != std::string::npos; }, 5000)) << Text(status);
   Sleep(300);
   const int paused = FrameShown(picture);
@@ -179,18 +189,33 @@ TEST(KlPlayer, PlaysSeeksOnAClickPausesOnSpaceAndClosesWithItsFfmpeg) {
   // The screenshot for the README: the window from its menu bar down (the test screen has
   // no window manager to draw the frame).
   POINT client{0, 0};
-  ClientToScreen(top.Found, &client);
+  ClientToScreen(player.Top, &client);
   kl::TBitmap window;
-  Shot(top.Found, window, client.y - GetSystemMetrics(SM_CYMENU) - 1);
+  Shot(player.Top, window, client.y - GetSystemMetrics(SM_CYMENU) - 1);
   const std::string shots = kltest::ExeDir() + "..\\screenshots\\";
   CreateDirectoryA(shots.c_str(), nullptr);
   kl::TPngImage::SaveBitmap(window, shots + "klPlayer.png");
 
   // Closing the window ends the process, and its ffmpeg processes end with it.
-  PostMessageA(top.Found, WM_CLOSE, 0, 0);
-  ASSERT_TRUE(player.Wait(15000));
+  PostMessageA(player.Top, WM_CLOSE, 0, 0);
+  ASSERT_TRUE(player.Process.Wait(15000));
   DWORD code = 1;
-  GetExitCodeProcess(player.Info.hProcess, &code);
+  GetExitCodeProcess(player.Process.Info.hProcess, &code);
   EXPECT_EQ(code, 0u);
   EXPECT_TRUE(WaitUntil([&] { return FfmpegCount() <= ffmpegBefore; }, 5000)) << FfmpegCount();
+}
+
+TEST(KlPlayer, PlaysASoundFileWithTheSeekBarAndNoPicture) {
+  kltest::TTempDir dir;
+  const std::string wav = dir / "tone.wav";
+  ASSERT_EQ(kltest::Ffmpeg("-f lavfi -i sine=f=440:d=4 -c:a pcm_s16le " + kltest::Quote(wav)).ExitCode, 0u);
+  TPlayer player;
+  ASSERT_TRUE(player.Start(wav));
+  int pos = 0, len = 0;
+  EXPECT_TRUE(WaitUntil([&] { return StatusTimes(player.Status, pos, len) && pos >= 5; }, 15000)) << Text(player.Status);
+  EXPECT_NEAR(len, 40, 1);
+  EXPECT_FALSE(IsWindowVisible(Child(player.Top, "Picture")));
+  EXPECT_TRUE(WaitUntil([&] { return DoneWidth(Child(player.Top, "Seek bar")) > 0; }, 5000));
+  PostMessageA(player.Top, WM_KEYDOWN, VK_ESCAPE, 1);
+  EXPECT_TRUE(player.Process.Wait(15000));
 }
