@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -72,6 +73,13 @@ TConverterLog& Log() {
 
 bool SameFormat(const std::vector<uint8_t>& A, const std::vector<uint8_t>& B) { return A == B; }
 
+// The same PCM data whether written in an extensible or a plain record.
+bool SamePcm(const WAVEFORMATEX* A, const WAVEFORMATEX* B) {
+  if (!IsPcmFormat(A) || !IsPcmFormat(B)) return false;
+  const WAVEFORMATEX a = PlainPcmFormat(*A), b = PlainPcmFormat(*B);
+  return std::memcmp(&a, &b, kBaseFormatSize) == 0;
+}
+
 // An 18-byte 16-bit PCM format.
 std::vector<uint8_t> Pcm16Format(uint32_t SamplesPerSec, uint16_t Channels) {
   std::vector<uint8_t> block(kBaseFormatSize, 0);
@@ -100,7 +108,7 @@ BOOL CALLBACK FormatEnumCallback(HACMDRIVERID, LPACMFORMATDETAILSA Details, DWOR
 // byte rate follow from its channels, depth and rate.
 bool PlausibleFormat(const WAVEFORMATEX* F) {
   if (F->nChannels == 0 || F->nSamplesPerSec == 0 || F->nAvgBytesPerSec == 0 || F->nBlockAlign == 0) return false;
-  if (F->wFormatTag != kPcmTag) return true;
+  if (!IsPcmFormat(F)) return true;
   const uint16_t bits = F->wBitsPerSample;
   return (bits == 8 || bits == 16 || bits == 24 || bits == 32) && F->nBlockAlign == F->nChannels * bits / 8 &&
          F->nAvgBytesPerSec == static_cast<DWORD>(F->nBlockAlign) * F->nSamplesPerSec;
@@ -217,8 +225,34 @@ bool FindMatchFormat(WAVEFORMATEX* Format) {
 }
 
 bool IsFloatFormat(const WAVEFORMATEX* Format) {
-  return Format != nullptr && (Format->wFormatTag == WAVE_FORMAT_IEEE_FLOAT || Format->wFormatTag == 65534) &&
+  return Format != nullptr &&
+         (Format->wFormatTag == WAVE_FORMAT_IEEE_FLOAT ||
+          (Format->wFormatTag == WAVE_FORMAT_EXTENSIBLE && !IsPcmFormat(Format))) &&
          Format->wBitsPerSample == 32;
+}
+
+bool IsPcmFormat(const WAVEFORMATEX* Format) {
+  if (Format == nullptr) return false;
+  if (Format->wFormatTag == kPcmTag) return true;
+  constexpr size_t kSubFormatAt = offsetof(WAVEFORMATEXTENSIBLE, SubFormat);
+  if (Format->wFormatTag != WAVE_FORMAT_EXTENSIBLE || kBaseFormatSize + Format->cbSize < kSubFormatAt + sizeof(GUID)) {
+    return false;
+  }
+  // KSDATAFORMAT_SUBTYPE_PCM, spelt out: its header wants a GUID definition unit.
+  static constexpr GUID kPcmSubFormat = {0x00000001, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+  GUID sub;
+  std::memcpy(&sub, reinterpret_cast<const uint8_t*>(Format) + kSubFormatAt, sizeof sub);
+  return std::memcmp(&sub, &kPcmSubFormat, sizeof sub) == 0;
+}
+
+WAVEFORMATEX PlainPcmFormat(const WAVEFORMATEX& Format) {
+  WAVEFORMATEX r{};
+  std::memcpy(&r, &Format, kBaseFormatSize);
+  if (Format.wFormatTag != kPcmTag && IsPcmFormat(&Format)) {
+    r.wFormatTag = kPcmTag;
+    r.cbSize = 0;
+  }
+  return r;
 }
 
 std::string AcmErrorText(MMRESULT Code) {
@@ -395,6 +429,17 @@ bool AcmConvertAll(HACMSTREAM Stream, ACMSTREAMHEADER& Header, DWORD Flags,
   return ok;
 }
 
+MMRESULT PrepareAcmHeader(HACMSTREAM Stream, ACMSTREAMHEADER& Header, uint8_t* Src, DWORD SrcSize, uint8_t* Dst,
+                          DWORD DstSize) {
+  Header = ACMSTREAMHEADER{};
+  Header.cbStruct = sizeof Header;
+  Header.pbSrc = Src;
+  Header.cbSrcLength = SrcSize;
+  Header.pbDst = Dst;
+  Header.cbDstLength = DstSize;
+  return acmStreamPrepareHeader(Stream, &Header, 0);
+}
+
 // --- TAcmConverter ------------------------------------------------------------------
 
 TAcmConverter::TAcmConverter() : TBaseAudioConverter("TAcmConverter") {}
@@ -415,6 +460,15 @@ void TAcmConverter::Close() {
 }
 
 bool TAcmConverter::Open() {
+  // The compression manager takes PCM only as the plain record.
+  for (std::vector<uint8_t>* block : {&FInFormat, &FOutFormat}) {
+    const auto* f = reinterpret_cast<const WAVEFORMATEX*>(block->data());
+    if (f->wFormatTag != kPcmTag && IsPcmFormat(f)) {
+      const WAVEFORMATEX plain = PlainPcmFormat(*f);
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&plain);
+      block->assign(bytes, bytes + kBaseFormatSize);
+    }
+  }
   WAVEFORMATEX* in = AsFormat(FInFormat);
   WAVEFORMATEX* out = AsFormat(FOutFormat);
   if (!FindMatchFormat(out)) {
@@ -478,13 +532,7 @@ bool TAcmConverter::Open() {
   FDecoding = in->wFormatTag != kPcmTag;
   FSrc.assign(FSrcSize, 0);
   FDst.assign(FDstSize, 0);
-  std::memset(&FHeader, 0, sizeof FHeader);
-  FHeader.cbStruct = sizeof FHeader;
-  FHeader.pbSrc = FSrc.data();
-  FHeader.cbSrcLength = FSrcSize;
-  FHeader.pbDst = FDst.data();
-  FHeader.cbDstLength = FDstSize;
-  r = acmStreamPrepareHeader(FStream, &FHeader, 0);
+  r = PrepareAcmHeader(FStream, FHeader, FSrc.data(), FSrcSize, FDst.data(), FDstSize);
   if (r != 0) {
     Fail("acmStreamPrepareHeader ERROR: " + AcmErrorText(r));
     Close();
@@ -656,6 +704,12 @@ bool TAudioConverter::BuildChain() {
     }
   }
   if (w.empty()) {
+    // An extensible PCM input counts as its plain record: one that is already 16-bit
+    // with up to two channels needs no stage.
+    const WAVEFORMATEX plainIn = PlainPcmFormat(*in);
+    const auto* plainBytes = reinterpret_cast<const uint8_t*>(&plainIn);
+    const std::vector<uint8_t> inAsPcm =
+        IsPcmFormat(in) ? std::vector<uint8_t>(plainBytes, plainBytes + kBaseFormatSize) : FInFormat;
     w.assign(FInFormat.begin(), FInFormat.begin() + kBaseFormatSize);
     auto* wf = reinterpret_cast<WAVEFORMATEX*>(w.data());
     wf->wFormatTag = kPcmTag;
@@ -664,7 +718,7 @@ bool TAudioConverter::BuildChain() {
     wf->nBlockAlign = static_cast<uint16_t>(wf->nChannels * 2);
     wf->nAvgBytesPerSec = static_cast<DWORD>(wf->nBlockAlign) * wf->nSamplesPerSec;
     wf->cbSize = 0;
-    if (!SameFormat(FInFormat, w)) {
+    if (!SameFormat(inAsPcm, w)) {
       TBaseAudioConverter* stage = add(new (std::nothrow) TAcmConverter());
       if (stage != nullptr) {
         stage->SetInFormat(in);
@@ -681,7 +735,8 @@ bool TAudioConverter::BuildChain() {
     wf = AsFormatPtr(w);
     if (stage != nullptr) stage->SetOutFormat(wf);
   }
-  if (out->wFormatTag != wf->wFormatTag) {
+  // W is PCM here; an extensible PCM output takes the same bytes.
+  if (!IsPcmFormat(out)) {
     TBaseAudioConverter* stage = add(new (std::nothrow) TAcmConverter());
     if (stage != nullptr) {
       stage->SetInFormat(wf);
@@ -715,7 +770,7 @@ bool STDMETHODCALLTYPE TAudioConverter::Write(const void* Data, int32_t DataSize
     return false;
   }
   TBaseAudioConverter::Write(Data, DataSize);
-  if (SameFormat(FInFormat, FOutFormat)) return FNext->Write(Data, DataSize);
+  if (SameFormat(FInFormat, FOutFormat) || SamePcm(GetInFormat(), GetOutFormat())) return FNext->Write(Data, DataSize);
   if (FChanged) BuildChain();
   if (FSubItems.empty()) {
     Fail("TAudioConverter.Write: no converters");

@@ -76,8 +76,16 @@ int32_t GetPreferedSamplePerSec(int32_t BitRate);
 // Moves Format's channels (1 or 2), byte rate and sample rate to the nearest ones that
 // an installed codec offers for its tag. False when none offers anything.
 bool FindMatchFormat(WAVEFORMATEX* Format);
-// 32-bit IEEE float (plain or extensible tag).
+// 32-bit IEEE float (plain or extensible tag; not an extensible record of PCM).
 bool IsFloatFormat(const WAVEFORMATEX* Format);
+// PCM: the PCM tag, or an extensible record (tag 0xFFFE, at least 22 extra bytes, so
+// Format must hold 18 + cbSize bytes) whose sub-format is PCM. ffmpeg writes WAV files
+// above 48000 Hz, with more than two channels or deeper than 16 bits that way, and the
+// compression manager takes only the plain record.
+bool IsPcmFormat(const WAVEFORMATEX* Format);
+// The first 18 bytes of Format; an extensible PCM record becomes the plain one (tag 1,
+// cbSize 0, the rest as it is).
+WAVEFORMATEX PlainPcmFormat(const WAVEFORMATEX& Format);
 // The compression manager's text for a result code; empty for 0.
 std::string AcmErrorText(MMRESULT Code);
 
@@ -95,6 +103,10 @@ uint32_t GetMp3DecodedSizeLimit(const WAVEFORMATEX* Mp3Format, uint32_t SrcBytes
 // (Result 0). The first-generation player's MP3 path and TAcmConverter both use it.
 bool AcmConvertAll(HACMSTREAM Stream, ACMSTREAMHEADER& Header, DWORD Flags,
                    const std::function<bool(const uint8_t* Data, DWORD Size)>& Sink, MMRESULT& Result);
+// Fills Header afresh for the two buffers and prepares it for Stream; the result is
+// acmStreamPrepareHeader's.
+MMRESULT PrepareAcmHeader(HACMSTREAM Stream, ACMSTREAMHEADER& Header, uint8_t* Src, DWORD SrcSize, uint8_t* Dst,
+                          DWORD DstSize);
 
 // --- converters ---------------------------------------------------------------------
 class TBaseAudioConverter : public TInterfacedObject<IWritable, IAudioConverter> {

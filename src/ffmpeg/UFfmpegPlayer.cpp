@@ -1,5 +1,6 @@
 #include "ffmpeg/UFfmpegPlayer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <mutex>
 #include <utility>
@@ -26,6 +27,14 @@ namespace {
 
 // Polling interval of the player's named-pipe readers, in milliseconds.
 constexpr int32_t PipeInterval = 1;
+// How long after a start Close waits for the ffmpeg processes to open their pipes
+// (they do after 0.2 to 2 s under Wine, depending on the load; one that fails before
+// opening its pipe costs this much).
+constexpr ULONGLONG ClientWaitMs = 3000;
+// How long Play waits for the first picture and the first sound of a start, and how much
+// sound that is (a tenth of a second, one block of the wave-out player).
+constexpr ULONGLONG FirstDataWaitMs = 5000;
+constexpr int64_t FirstSoundBytes = 44100 * 4 / 10;
 
 void Log(const std::string& Msg, klLog::TLogEntryKind Kind) { klLog::AddToEventLog(Msg, Kind); }
 
@@ -66,8 +75,27 @@ bool TFFmpegPlayer::Open(const std::string& FileName) {
   return Restart();
 }
 
+void TFFmpegPlayer::WaitForFirstData() {
+  // Each inner player starts its clock when it starts. Without this wait the frames
+  // player, started first, would start its clock and then wait in the pipe for the
+  // first picture, while the sound started only after that picture: the pictures
+  // would run ahead of the sound by however long ffmpeg took to start.
+  const RECT target = GetTargetRect();
+  const int64_t frame = static_cast<int64_t>(target.right - target.left) * (target.bottom - target.top) * 4;
+  const auto ready = [](const ComPtr<UPipe::INamedPipe2>& Pipe, int64_t Need) {
+    // The pipe's reader stops at its buffer level: that much queued is as ready as it gets.
+    return !Pipe || Pipe->GetDisconnected() ||
+           Pipe->GetSizeToRead() >= std::min<int64_t>(Need, std::max(1, Pipe->GetBufferLevel()));
+  };
+  const ULONGLONG start = GetTickCount64();
+  while (!(ready(FVideoPipe, frame) && ready(FAudioPipe, FirstSoundBytes)) && GetTickCount64() - start < FirstDataWaitMs) {
+    Sleep(1);
+  }
+}
+
 bool TFFmpegPlayer::Play() {
   if (!FFileInfo) return false;
+  if (FMode.load() != pmPaused) WaitForFirstData();
   if (FFileInfo->GetVideoPresent() && !FFramesPlayer->Play()) {
     Log("FFmpegPlayer.Play: FramesPlayer error", klLog::lkError);
   }
@@ -98,11 +126,30 @@ void TFFmpegPlayer::Close() {
   // pipe for a picture must be done before the stream it reads from goes.
   const ULONGLONG start = GetTickCount64();
   while (FFramesPlayer->GetTimers() > 0 && GetTickCount64() - start < 3000) Sleep(5);
-  FAudioPlayer->SetSource(nullptr);
+  WaitForClients();
+  // The wave-out player's own Close also closes its devices: letting go of its source
+  // alone keeps every device that a start opened until the player is destroyed.
+  if (FAudioPlayer->GetSource()) FAudioPlayer->Close();
   FFramesPlayer->SetSource(nullptr);
+  FVideoPipe = nullptr;
+  FAudioPipe = nullptr;
   FMode = pmNotReady;
   Position = 0;
   Sleep(100);
+}
+
+void TFFmpegPlayer::WaitForClients() {
+  // An ffmpeg opens its pipe a few hundred milliseconds after it was started. A pipe let
+  // go before that frees its name for the next start, and the late ffmpeg, still on the
+  // old position, would take the new pipe in place of the new ffmpeg.
+  for (;;) {
+    bool waiting = false;
+    for (const auto& pipe : {FVideoPipe, FAudioPipe}) {
+      waiting = waiting || (pipe && !pipe->GetConnected() && !pipe->GetDisconnected());
+    }
+    if (!waiting || GetTickCount64() - FStartedAt > ClientWaitMs) return;
+    Sleep(5);
+  }
 }
 
 bool TFFmpegPlayer::Restart() {
@@ -159,6 +206,10 @@ bool TFFmpegPlayer::Restart() {
     Log("WinExec( ffmpeg audio ) error", klLog::lkError);
     return false;
   }
+
+  FVideoPipe = videoPipe;
+  FAudioPipe = audioPipe;
+  FStartedAt = GetTickCount64();
 
   if (hasVideo) {
     const float fps = FFileInfo->GetFPS();

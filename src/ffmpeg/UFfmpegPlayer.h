@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "channels/UPipe.h"
 #include "ffmpeg/UFfmpeg.h"
 #include "playback/klMediaPlayer.h"
 #include "rtl/ComBase.h"
@@ -48,11 +49,15 @@ class TFFmpegPlayer {
   // Closes, reads the file's information and starts both processes at position 0,
   // without playing. False for a missing file (nothing started) or when Restart fails.
   bool Open(const std::string& FileName);
-  // Starts the loaded players; false only without file information.
+  // Starts the loaded players; false only without file information. A start waits (up
+  // to 5 s) until ffmpeg has delivered the first picture and sound, so that the two
+  // players start together.
   bool Play();
   void Pause();
   void Stop();
-  // Stops, lets go of both sources (the pipes close and ffmpeg ends), pmNotReady.
+  // Stops, lets go of both sources (the pipes close and ffmpeg ends), pmNotReady. Right
+  // after a start it first waits (up to 3 s) until both ffmpeg processes have opened
+  // their pipes, so that none of them can take the pipe of a later start.
   void Close();
   // Starts both processes at Position into new pipes and loads the players.
   bool Restart();
@@ -104,6 +109,10 @@ class TFFmpegPlayer {
   void InnerOnSendingWavBlock(void* Buffer, int32_t Size);
   void ProcessOnFinish();
   void ApplyVolume();
+  // Until the processes of the last start have opened their pipes (bounded).
+  void WaitForClients();
+  // Until the pipes hold the first picture and the first sound (bounded).
+  void WaitForFirstData();
 
   std::string SourcePath;
   std::unique_ptr<klMediaPlayer::TklMediaPlayer> FAudioPlayer;
@@ -119,6 +128,9 @@ class TFFmpegPlayer {
   int32_t Position = 0;
   bool FMute = false;
   float FVolume = 1.0f;
+  // The pipes of the last start, and when it was.
+  ComPtr<UPipe::INamedPipe2> FVideoPipe, FAudioPipe;
+  ULONGLONG FStartedAt = 0;
   // Set while the destructor runs: late events of the inner players are dropped.
   std::atomic<bool> FClosing{false};
 };

@@ -411,6 +411,12 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
     // The whole source format, extra bytes included: the ADPCM and GSM drivers refuse
     // a format cut to 18 bytes (they need wSamplesPerBlock and the like).
     std::vector<uint8_t> srcBlock(FFormat);
+    // The compression manager refuses PCM in an extensible record: give it the plain one.
+    if (UAudioConverter::IsPcmFormat(Format())) {
+      const WAVEFORMATEX plain = UAudioConverter::PlainPcmFormat(*Format());
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&plain);
+      srcBlock.assign(bytes, bytes + sizeof plain);
+    }
     WAVEFORMATEX& src = *reinterpret_cast<WAVEFORMATEX*>(srcBlock.data());
     WAVEFORMATEX dst{};
     dst.wFormatTag = WAVE_FORMAT_PCM;
@@ -438,12 +444,7 @@ bool TWAVFile::ConvertToPCM(const std::string& FileName) {
     const DWORD d = static_cast<DWORD>(d64);
     std::vector<uint8_t> srcBuf(s), dstBuf(d, 0);
     ACMSTREAMHEADER header{};
-    header.cbStruct = sizeof header;
-    header.pbSrc = srcBuf.data();
-    header.cbSrcLength = s;
-    header.pbDst = dstBuf.data();
-    header.cbDstLength = d;
-    if (acmStreamPrepareHeader(stream.Handle, &header, 0) != 0) return false;
+    if (UAudioConverter::PrepareAcmHeader(stream.Handle, header, srcBuf.data(), s, dstBuf.data(), d) != 0) return false;
     bool ok = true;
     {
       TWAVFile out(FileName, dst.wBitsPerSample, dst.nSamplesPerSec, dst.nChannels);
@@ -476,7 +477,9 @@ bool TWAVFile::SaveAs(const std::string& FileName, int32_t SamplesPerSec, int32_
   return Checkpoint("UWAV.@146-403@: ", [&]() -> bool {
     if (!Mono) throw Exception("TWAVFile.SaveAs: Stereo not released");
     if (Format() == nullptr) return false;
-    if (Format()->wFormatTag != WAVE_FORMAT_PCM) {
+    // PCM in an extensible record (ffmpeg's choice above 48000 Hz, two channels or 16
+    // bits) is read as it is; only compressed data goes through ConvertToPCM.
+    if (!UAudioConverter::IsPcmFormat(Format())) {
       if (!PlausibleSource(*Format())) return false;
       // A name of its own, made on the spot: the target's name in the temp folder can be
       // this very file (or another caller's temporary file).

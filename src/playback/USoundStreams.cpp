@@ -58,9 +58,9 @@ int32_t TWavFileSoundStream::GetWavData(void* Buffer, int32_t Size) {
 }
 
 WAVEFORMATEX TWavFileSoundStream::GetWaveFormat() {
-  WAVEFORMATEX r{};
-  std::memcpy(&r, FWavFile->Format(), sizeof r);
-  return r;
+  // Only 18 bytes leave here: an extensible PCM record becomes the plain one, whose
+  // cbSize promises no extra bytes that the receiver would read past the copy.
+  return UAudioConverter::PlainPcmFormat(*FWavFile->Format());
 }
 
 // --- TMp3Buffer -----------------------------------------------------------------------

@@ -225,13 +225,7 @@ bool TMp3SoundStream::CreateAcmConverter() {
   }
   FMp3Buf.assign(MP3_BLOCK, 0);
   FWavBuf.assign(wavSize, 0);
-  FAcmHeader = ACMSTREAMHEADER{};
-  FAcmHeader.cbStruct = sizeof FAcmHeader;
-  FAcmHeader.pbSrc = FMp3Buf.data();
-  FAcmHeader.cbSrcLength = MP3_BLOCK;
-  FAcmHeader.pbDst = FWavBuf.data();
-  FAcmHeader.cbDstLength = wavSize;
-  r = acmStreamPrepareHeader(FAcmStream, &FAcmHeader, 0);
+  r = UAudioConverter::PrepareAcmHeader(FAcmStream, FAcmHeader, FMp3Buf.data(), MP3_BLOCK, FWavBuf.data(), wavSize);
   if (r != MMSYSERR_NOERROR) {
     failed("acmStreamPrepareHeader failed - ", r);
     DestroyAcmConverter();

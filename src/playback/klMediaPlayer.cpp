@@ -401,9 +401,14 @@ bool TWaveOutPlayer::PrepareHeaders() {
     return false;
   }
   const WAVEFORMATEX f = s->GetWaveFormat();
+  // The source hands over 18 bytes and nothing behind them: a cbSize that promises more
+  // (an extensible or compressed record) would have the device read past the copy.
+  WAVEFORMATEX device = f;
+  device.cbSize = 0;
   HWAVEOUT h = nullptr;
   const HWND wnd = FWaveOutThread->Window();
-  MMRESULT r = waveOutOpen(&h, WAVE_MAPPER, &f, reinterpret_cast<DWORD_PTR>(wnd), 0, CALLBACK_WINDOW | WAVE_ALLOWSYNC);
+  MMRESULT r =
+      waveOutOpen(&h, WAVE_MAPPER, &device, reinterpret_cast<DWORD_PTR>(wnd), 0, CALLBACK_WINDOW | WAVE_ALLOWSYNC);
   FLastError.store(static_cast<int32_t>(r));
   if (r != MMSYSERR_NOERROR) {
     Log(FTexts.PrepareOpenFailed);
