@@ -84,7 +84,7 @@ TEST(AcmConverter, Mp3DecodesLikeFfmpegInOneOrTwoStages) {
   ASSERT_TRUE(c->Finish());
 
   const auto ours = AsSamples16(sink->Bytes);
-  const auto theirs = AsSamples16(kltest::FfmpegDecode(dir / "tones.mp3", "-ac 2 -ar 44100"));
+  const auto theirs = AsSamples16(FfmpegDecode(dir, dir / "tones.mp3", 44100, 2));
   ASSERT_FALSE(theirs.empty());
   EXPECT_NEAR(static_cast<double>(ours.size()), static_cast<double>(theirs.size()), 1152 * 2);
   // The decoder starts a fixed number of frames later: find that lag on the start,
@@ -109,7 +109,7 @@ TEST(AcmConverter, Mp3DecodesLikeFfmpegInOneOrTwoStages) {
   ASSERT_EQ(c->GetSubConverterCount(), 2);
   ASSERT_TRUE(c->Finish());
   const auto out = AsSamples16(sink->Bytes);
-  const auto mono = AsSamples16(kltest::FfmpegDecode(dir / "tones.mp3", "-ac 1 -ar 22050"));
+  const auto mono = AsSamples16(FfmpegDecode(dir, dir / "tones.mp3", 22050, 1));
   ASSERT_FALSE(mono.empty());
   // The first stage's last block reaches the second after that one was finished: it
   // is queued there and never converted, so up to two tenths of a second go missing.

@@ -203,7 +203,7 @@ TEST(Chain, ChainsIntoWavFilesKeepEveryByte) {
     ASSERT_TRUE(WriteInPieces(conv.Get(), c.data, 3000));
     ASSERT_TRUE(conv->Finish());
     ExpectWavLayout(kltest::ReadFileBytes(name), nullptr);
-    const auto back = AsSamples16(kltest::FfmpegDecode(name, kl::Format("-ac %d -ar %d", c.channels, c.rate)));
+    const auto back = AsSamples16(FfmpegDecode(dir, name, c.rate, c.channels));
     const size_t wantFrames = c.want.size() / c.channels;
     EXPECT_LE(back.size() / c.channels, wantFrames + c.slack);
     ASSERT_GE(back.size() / c.channels + c.slack, wantFrames);

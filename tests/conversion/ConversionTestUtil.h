@@ -132,4 +132,9 @@ inline std::string MakeMp3Frames(const TTempDir& Dir, const std::string& Name, i
   return ReadFileBytes(path);
 }
 
+// ffmpeg.exe's own decoding of a file to s16le at the given shape.
+inline std::string FfmpegDecode(const TTempDir&, const std::string& File, int Rate, int Channels) {
+  return kltest::FfmpegDecode(File, kl::Format("-ac %d -ar %d", Channels, Rate));
+}
+
 }  // namespace kltest::conv
