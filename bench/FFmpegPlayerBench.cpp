@@ -365,6 +365,10 @@ void SyncAndStart(const std::string& Film, TRecording& Rec) {
               "first 5 s / last 5 s: pictures %.1f / %.1f ms, sound %.1f / %.1f ms\n",
               (r.FirstFrame - r.FirstSound) * 1000, MeanOf(r.PictureLate, 0, five), MeanOf(r.PictureLate, n - five, n),
               MeanOf(r.SoundLate, 0, five), MeanOf(r.SoundLate, n - five, n));
+  const double lastDrawn = r.PictureLate.back() + r.FirstFrame * 1000 + (n - 1) * 1000.0 / kFps + 40;
+  std::printf("  pictures drawn at %.2fx real time, sound heard at %.3fx\n",
+              (n - 1) * 1000.0 / kFps / (lastDrawn - r.FirstFrame * 1000),
+              (n - 1) * 1000.0 / kFps / ((n - 1) * 1000.0 / kFps + r.SoundLate[n - 1] - r.SoundLate[1]));
   std::printf("  offset by 2 s of film:");
   for (size_t k = 0; k < n; k += 2 * kFps) std::printf(" %.0f", MeanOf(r.Offset, k, k + 2 * kFps));
   std::printf("\n");

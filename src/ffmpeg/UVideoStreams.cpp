@@ -1,5 +1,6 @@
 #include "ffmpeg/UVideoStreams.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -14,6 +15,12 @@ namespace {
 int32_t Stride(int32_t Width, int32_t BitCount) {
   return static_cast<int32_t>((static_cast<int64_t>(Width) * BitCount / 8 + 3) / 4 * 4);
 }
+
+// ffmpeg writes into the named pipe in small blocking pieces, so whenever the reader
+// thread stops taking data ffmpeg stops too. Pictures queued ahead keep it busy while
+// the player waits for a frame's due time or takes one that came late; a few are
+// enough, and the reader stops there, which bounds the queue.
+constexpr int64_t kFramesAhead = 3;
 }  // namespace
 
 TPipeVideoStream::TPipeVideoStream(const TVideoInfo& Info, UPipe::INamedPipe2* Pipe) : FInfo(Info), FPipe(Pipe) {}
@@ -39,6 +46,8 @@ ComPtr<IVideoStream> TPipeVideoStream::Create(const TVideoInfo& Info, UPipe::INa
     return nullptr;
   }
   if (s->FBM == nullptr) return nullptr;
+  const int64_t ahead = kFramesAhead * h.biWidth * (h.biBitCount / 8) * h.biHeight;
+  Pipe->SetBufferLevel(static_cast<int32_t>(std::max<int64_t>(Pipe->GetBufferLevel(), std::min<int64_t>(ahead, INT32_MAX))));
   return result;
 }
 

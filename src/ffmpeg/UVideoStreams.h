@@ -22,7 +22,8 @@ using klMediaPlayer::TVideoInfo;
 class TPipeVideoStream : public TInterfacedObject<IVideoStream> {
  public:
   // None (and nothing logged) for a missing pipe, FPS not above 0 (NaN included), a
-  // width or height below 1, or a bit count other than 24 and 32.
+  // width or height below 1, or a bit count other than 24 and 32. Lets the pipe's reader
+  // thread queue up to three pictures ahead (never lowers its level).
   static ComPtr<IVideoStream> Create(const TVideoInfo& Info, UPipe::INamedPipe2* Pipe);
   ~TPipeVideoStream() override;
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "../channels/ChannelsTestUtil.h"
 #include "FfmpegTestUtil.h"
 #include "KlTest.h"
 #include "ffmpeg/UFfmpegPlayer.h"
