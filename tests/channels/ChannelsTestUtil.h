@@ -1,6 +1,6 @@
 // Channel test helpers: a position-dependent byte pattern whose period (a prime) never
-// lines up with block sizes, so a lost, doubled or misplaced byte shows at once; what
-// the log gained; the process's handle count; waiting without hanging.
+// lines up with block sizes, so a lost, doubled or misplaced byte shows at once; the
+// process's handle count.
 #pragma once
 
 #include <windows.h>
@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "KlTest.h"
 #include "diagnostics/klLog.h"
 
 namespace chtest {
@@ -26,14 +27,8 @@ inline bool Matches(const void* Data, uint64_t Offset, size_t Size) {
   return true;
 }
 
-// What the log gained while Body ran.
-template <class F>
-std::string LogOf(F&& Body) {
-  const size_t mark = kl::klLog::GetWholeLog().size();
-  Body();
-  const std::string all = kl::klLog::GetWholeLog();
-  return mark < all.size() ? all.substr(mark) : std::string();
-}
+using kltest::LogOf;
+using kltest::WaitUntil;
 
 // Deterministic sizes: 1 byte to 256 KiB, small ones as likely as large ones.
 struct TRandom {
@@ -62,14 +57,5 @@ struct TStopwatch {
   ULONGLONG Start = GetTickCount64();
   ULONGLONG Ms() const { return GetTickCount64() - Start; }
 };
-
-// Polls Cond every 5 ms for at most TimeoutMs.
-template <class F>
-bool WaitUntil(F&& Cond, DWORD TimeoutMs) {
-  for (TStopwatch w; !Cond(); Sleep(5)) {
-    if (w.Ms() > TimeoutMs) return false;
-  }
-  return true;
-}
 
 }  // namespace chtest

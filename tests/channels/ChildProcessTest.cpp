@@ -1,5 +1,6 @@
 // The child process against real children: this executable in child roles and
-// ffmpeg.exe (its banner on standard error, raw video on standard output).
+// ffmpeg.exe (raw video on standard output; its banner on standard error is what the
+// media information reads).
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -21,14 +22,10 @@ using kl::ComPtr;
 
 namespace {
 
-std::string ChildCommand(const std::string& Role, const std::vector<std::string>& Args) {
-  std::string cmd = kltest::Quote(kltest::SelfExe()) + " --kl-child " + Role;
-  for (const auto& a : Args) cmd += " " + kltest::Quote(a);
-  return cmd;
-}
+using kltest::ChildCommandLine;
 
 ComPtr<IChildProcess3> Start(const std::string& Role, const std::vector<std::string>& Args) {
-  return TChildProcess::Create(ChildCommand(Role, Args));
+  return TChildProcess::Create(ChildCommandLine(Role, Args));
 }
 
 void Put(FILE* F, const std::string& S) {
@@ -189,23 +186,14 @@ TEST(ChildProcess, RunAndWaitWritesOverTheOutputFile) {
   const std::string file = dir / "out.txt";
   ASSERT_TRUE(kltest::WriteFileBytes(file, std::string(20, 'x')));
   uint32_t code = 0;
-  ASSERT_TRUE(RunAndWait(ChildCommand("emit", {"hello", "ignored", "7"}), file, &code));
+  ASSERT_TRUE(RunAndWait(ChildCommandLine("emit", {"hello", "ignored", "7"}), file, &code));
   EXPECT_EQ(code, 7u);
   EXPECT_EQ(kltest::ReadFileBytes(file), "hello" + std::string(15, 'x'));
-  EXPECT_TRUE(RunAndWait(ChildCommand("emit", {"", "", "3"})));
+  EXPECT_TRUE(RunAndWait(ChildCommandLine("emit", {"", "", "3"})));
 }
 
-TEST(ChildProcess, FfmpegBannerAndRawVideo) {
+TEST(ChildProcess, FfmpegRawVideo) {
   kltest::TTempDir dir;
-  const std::string wav = dir / "tone.wav";
-  ASSERT_TRUE(kltest::WriteFileBytes(wav, kltest::MakeWav(2, 44100, 16, std::string(44100, '\0'))));
-  {
-    auto child = TChildProcess::Create(kltest::Quote(kltest::FfmpegExe()) + " -hide_banner -i " + kltest::Quote(wav));
-    ASSERT_TRUE(child);
-    std::string err;
-    for (int i = 0; i < 50 && err.find("Stream #0") == std::string::npos; ++i) err += child->ReadFromChildStderr(1000);
-    EXPECT_NE(err.find("Audio: pcm_s16le"), std::string::npos) << err;
-  }
   const std::string source = " -f lavfi -i testsrc=size=32x24:rate=25 -frames:v 20 -f rawvideo -pix_fmt rgb32 ";
   ASSERT_EQ(kltest::Ffmpeg(source + kltest::Quote(dir / "f.raw")).ExitCode, 0u);
   const std::string expected = kltest::ReadFileBytes(dir / "f.raw");

@@ -41,14 +41,6 @@ struct TBadStream : kl::TStream {
   int64_t Seek(int64_t, kl::TSeekOrigin) override { return 0; }
 };
 
-std::string MessageOf(const std::function<void()>& Body) {
-  try {
-    Body();
-  } catch (const EklException& e) {
-    return e.Message();
-  }
-  return "no exception";
-}
 }  // namespace
 
 TEST(MemoryBuffer, ReadsTheRangeAcrossBlocksAndStopsAtItsEnd) {
@@ -113,9 +105,9 @@ TEST(MemoryBuffer, BadArgumentsAndBadStreams) {
   ASSERT_TRUE(file.Ok);
   auto stream = file.Open();
   const std::string invalid = "TReadStream.Create: invalid params";
-  EXPECT_EQ(MessageOf([&] { TReadStream t(nullptr, 0, 10); }), invalid);
-  EXPECT_EQ(MessageOf([&] { TMemoryBuffer t(&stream, 0, -1, 4096); }), invalid);
-  EXPECT_EQ(MessageOf([&] { TMemoryBuffer t(&stream, 0, 10, 0); }), "TMemoryBuffer.Create: invalid params");
+  kltest::ExpectRaises<EklException>([&] { TReadStream t(nullptr, 0, 10); }, invalid);
+  kltest::ExpectRaises<EklException>([&] { TMemoryBuffer t(&stream, 0, -1, 4096); }, invalid);
+  kltest::ExpectRaises<EklException>([&] { TMemoryBuffer t(&stream, 0, 10, 0); }, "TMemoryBuffer.Create: invalid params");
   TMemoryBuffer b(&stream, 0, 1000, 4096);
   char buf[10];
   EXPECT_EQ(b.Read(nullptr, 10), 0);
@@ -132,7 +124,7 @@ TEST(MemoryBuffer, BadArgumentsAndBadStreams) {
   TBadStream stuck;
   TMemoryBuffer s(&stuck, 0, 1000, 100);
   const ULONGLONG t0 = GetTickCount64();
-  EXPECT_EQ(MessageOf([&] { s.Read(buf, 10); }), "TMemoryBuffer.Read timeout");
+  kltest::ExpectRaises<EklException>([&] { s.Read(buf, 10); }, "TMemoryBuffer.Read timeout");
   EXPECT_GE(GetTickCount64() - t0, 14900u);
   SetEvent(stuck.Release);  // lets the reader thread go, so that the buffer can be destroyed
 

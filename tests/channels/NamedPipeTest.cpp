@@ -1,5 +1,5 @@
 // The named pipe server against real clients: this executable in a client role and
-// ffmpeg.exe writing raw video into the pipe's name.
+// ffmpeg.exe writing raw video into the pipe's name; a server released from its events.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,13 +17,9 @@ using chtest::LogOf;
 using chtest::TStopwatch;
 using chtest::WaitUntil;
 using kl::ComPtr;
+using kltest::UniqueName;
 
 namespace {
-
-std::string UniqueName(const std::string& Base) {
-  static int n = 0;
-  return Base + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++n);
-}
 
 ComPtr<INamedPipe2> MakePipe(const std::string& Name, int32_t Interval = 1) {
   return ComPtr<INamedPipe2>(new TNamedPipe(Name, Interval));
@@ -216,4 +212,27 @@ TEST(NamedPipe, VanishingClientsDeadServersAndNoLeaks) {
   }
   // The client processes' handles are gone with kltest's own objects.
   EXPECT_LE(chtest::HandleCount(), before);
+}
+
+TEST(NamedPipe, ReleasedFromItsOwnEvents) {
+  for (const bool onData : {true, false}) {
+    SCOPED_TRACE(onData);
+    const std::string name = "\\\\.\\pipe\\" + UniqueName("klnpSelf");
+    auto p = MakePipe(name);
+    ASSERT_EQ(p->GetName(), name);
+    HANDLE gone = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    auto release = [&p, gone](void*) {
+      if (WaitForSingleObject(gone, 0) == WAIT_OBJECT_0) return;
+      p.Reset();  // the last reference
+      SetEvent(gone);
+    };
+    onData ? p->SetOnData(release) : p->SetOnDisconnect(release);
+    kltest::TProcess client;
+    ASSERT_TRUE(kltest::StartChild(client, "pipe_client", {name, "20000", onData ? "hold" : "close", "2000"}));
+    EXPECT_EQ(WaitForSingleObject(gone, 20000), WAIT_OBJECT_0);
+    EXPECT_TRUE(client.Wait(20000));
+    CloseHandle(gone);
+    // The handle went with the object: the name is free again.
+    EXPECT_TRUE(WaitUntil([&] { return MakePipe(name)->GetName() == name; }, 5000));
+  }
 }

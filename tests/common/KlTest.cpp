@@ -3,6 +3,8 @@
 #include <shellapi.h>
 
 #include <cstring>
+#include <regex>
+#include <sstream>
 
 #include "rtl/SysUtils.h"
 
@@ -55,13 +57,18 @@ bool TakeAvailable(HANDLE Pipe, std::string& Out) {
   return n > 0;
 }
 
+}  // namespace
+
 std::string ChildCommandLine(const std::string& Role, const std::vector<std::string>& Args) {
   std::string cmd = Quote(SelfExe()) + " --kl-child " + Role;
   for (const auto& a : Args) cmd += " " + Quote(a);
   return cmd;
 }
 
-}  // namespace
+std::string UniqueName(const std::string& Base) {
+  static LONG n = 0;
+  return Base + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(InterlockedIncrement(&n));
+}
 
 TRunResult Run(const std::string& CommandLine, DWORD TimeoutMs) {
   TRunResult r;
@@ -154,6 +161,24 @@ bool StartChild(TProcess& Process, const std::string& Role, const std::vector<st
 
 TRunResult Ffmpeg(const std::string& Args, DWORD TimeoutMs) {
   return Run(Quote(FfmpegExe()) + " -hide_banner -nostdin -y " + Args, TimeoutMs);
+}
+
+std::vector<TPacket> FfmpegPackets(const std::string& Path) {
+  std::istringstream in(Ffmpeg("-i " + Quote(Path) + " -c:a copy -f framecrc -").Out);
+  static const std::regex re(R"(^\s*0,\s*-?\d+,\s*-?\d+,\s*\d+,\s*(\d+),\s*0x([0-9a-fA-F]+))");
+  std::vector<TPacket> packets;
+  std::smatch m;
+  for (std::string line; std::getline(in, line);) {
+    if (std::regex_search(line, m, re)) {
+      packets.push_back({std::stoi(m[1].str()), static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16))});
+    }
+  }
+  return packets;
+}
+
+std::string FfmpegDecode(const std::string& File, const std::string& Options) {
+  const TRunResult r = Ffmpeg("-i " + Quote(File) + " " + Options + " -f s16le -");
+  return r.ExitCode == 0 ? r.Out : std::string();
 }
 
 // --- files ------------------------------------------------------------------------

@@ -3,6 +3,8 @@
 // what the audio server played.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <windows.h>
 
 #include <cstdint>
@@ -10,6 +12,10 @@
 #include <map>
 #include <string>
 #include <vector>
+
+#include "diagnostics/klLog.h"
+#include "rtl/Dialogs.h"
+#include "rtl/SysUtils.h"
 
 namespace kltest {
 
@@ -60,8 +66,72 @@ bool StartChild(TProcess& Process, const std::string& Role, const std::vector<st
 HANDLE OpenPipeForWriting(const std::string& Name);
 // Runs ffmpeg.exe with the given arguments (-hide_banner -y are added).
 TRunResult Ffmpeg(const std::string& Args, DWORD TimeoutMs = 120000);
+// The audio packets of stream 0 as ffmpeg's demuxer delivers them (framecrc).
+struct TPacket {
+  int32_t Size = 0;
+  uint32_t Adler = 0;  // adler32 seeded with 0, as ffmpeg's framecrc muxer prints it
+};
+std::vector<TPacket> FfmpegPackets(const std::string& Path);
+// ffmpeg's own decoding of File to signed 16-bit samples, with further output Options
+// ("-ac 1 -ar 22050"); empty when ffmpeg fails.
+std::string FfmpegDecode(const std::string& File, const std::string& Options = "");
+
+// Records the message boxes (text, caption; type) shown during the life of the object.
+class TBoxRecorder {
+ public:
+  using TBoxes = std::vector<std::pair<std::string, std::string>>;
+  TBoxRecorder() {
+    FOld = kl::SetMessageBoxFunction([this](HWND, const std::string& Text, const std::string& Caption, UINT Type) {
+      Boxes.emplace_back(Text, Caption);
+      Types.push_back(Type);
+      return IDOK;
+    });
+  }
+  ~TBoxRecorder() { kl::SetMessageBoxFunction(FOld); }
+  TBoxRecorder(const TBoxRecorder&) = delete;
+  TBoxRecorder& operator=(const TBoxRecorder&) = delete;
+  TBoxes Boxes;
+  std::vector<UINT> Types;
+
+ private:
+  kl::TMessageBoxFunction FOld;
+};
 
 std::string Quote(const std::string& S);
+// "<exe> --kl-child Role args...", quoted.
+std::string ChildCommandLine(const std::string& Role, const std::vector<std::string>& Args);
+// Base, this process's id and a counter: a pipe or event name nothing else uses.
+std::string UniqueName(const std::string& Base);
+
+// What the log gained while Body ran.
+template <class F>
+std::string LogOf(F&& Body) {
+  const size_t mark = kl::klLog::GetWholeLog().size();
+  Body();
+  const std::string all = kl::klLog::GetWholeLog();
+  return mark < all.size() ? all.substr(mark) : std::string();
+}
+inline bool LogHas(const std::string& Text) { return kl::klLog::GetWholeLog().find(Text) != std::string::npos; }
+
+// Call must raise E (any kl::Exception by default) with exactly Message.
+template <class E = kl::Exception, class F>
+void ExpectRaises(F&& Call, const std::string& Message) {
+  try {
+    Call();
+    ADD_FAILURE() << "nothing raised, expected: " << Message;
+  } catch (const E& e) {
+    EXPECT_EQ(std::string(e.what()), Message);
+  }
+}
+
+// Polls Cond every 10 ms for at most TimeoutMs; true when Cond came true.
+template <class F>
+bool WaitUntil(F&& Cond, DWORD TimeoutMs) {
+  for (const ULONGLONG start = GetTickCount64(); !Cond(); Sleep(10)) {
+    if (GetTickCount64() - start > TimeoutMs) return false;
+  }
+  return true;
+}
 
 // --- files ----------------------------------------------------------------------
 // A fresh folder under the temp folder, deleted with everything in it at the end.

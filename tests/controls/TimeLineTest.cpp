@@ -37,6 +37,14 @@ T* AddTimeline(TForm& Form, TCounts& C, int Width) {
 
 const COLORREF kFace = ColorToRGB(clBtnFace);
 
+struct TPixel {
+  int X, Y;
+  COLORREF Color;
+};
+void ExpectPixels(const TBitmap& B, std::initializer_list<TPixel> Pixels) {
+  for (const TPixel& p : Pixels) EXPECT_EQ(B.Pixel(p.X, p.Y), p.Color) << p.X << "," << p.Y;
+}
+
 }  // namespace
 
 // First in the executable: no hint window exists yet.
@@ -69,23 +77,6 @@ TEST(Hint, HideFirstReuseMoveAndWrap) {
   EXPECT_FALSE(UHint::HintVisible());
 }
 
-TEST(TimeLine, ConstructionValues) {
-  TTimeLineControl base(nullptr);
-  TTimeLineControlEx ex(nullptr);
-  EXPECT_EQ(base.Height(), 0);  // taken from the marker width before it was set
-  EXPECT_EQ(ex.Height(), 20);
-  EXPECT_EQ(base.Width(), 100);
-  EXPECT_TRUE(base.TabStop && base.Border() && !base.Tracking() && !base.ProgressDragging());
-  EXPECT_EQ(base.TimelineColor(), 0xD0D0D0u);
-  EXPECT_EQ(base.DoneColor(), TTimeLineControl::DefaultDoneColor);
-  EXPECT_EQ(base.MaxValue(), TTimeLineControl::DefaultMaxValue);
-  EXPECT_EQ(base.LineHeight() * 100 + base.MarkerWidth() * 10 + base.MarkerHeight(), 5 * 100 + 130 + 13);
-  EXPECT_EQ(ex.BorderColor(), 0x808080u);
-  EXPECT_EQ(ex.DoneColor(), 0xC0C0C0u);
-  EXPECT_EQ(ex.SelectColor(), 0xFFC000u);
-  EXPECT_EQ(TTimeLineControlEx::DefaultSelectColor, 0xFFFF00u);
-}
-
 TEST(TimeLine, PaintBase) {
   auto form = kltest::MakeHostForm();
   TCounts c;
@@ -95,25 +86,15 @@ TEST(TimeLine, PaintBase) {
   TBitmap b;
   Render(*t, b);
   kltest::SaveScreenshot(b, "timeline_base_50");
-  EXPECT_EQ(b.Pixel(92, 0), 0u);                      // marker outline
-  EXPECT_EQ(b.Pixel(91, 0), kFace);                   // left of the marker
-  EXPECT_EQ(b.Pixel(98, 6), 0xE0E0E0u);               // marker inside
-  EXPECT_EQ(b.Pixel(104, 12), 0u);                    // its right and bottom edges
-  EXPECT_EQ(b.Pixel(110, 4), 0u);                     // rest of the line: top edge
-  EXPECT_EQ(b.Pixel(110, 6), 0xD0D0D0u);              // and inside
-  EXPECT_EQ(b.Pixel(197, 6), 0u);                     // right end
-  EXPECT_EQ(b.Pixel(1, 6), 0u);                       // done part from x = 1
-  EXPECT_EQ(b.Pixel(0, 6), kFace);
-  EXPECT_EQ(b.Pixel(50, 6), 0xA0A0A0u);
-  EXPECT_EQ(b.Pixel(50, 2), kFace);
-  EXPECT_EQ(b.Pixel(50, 9), kFace);                   // line is 5 high from t = 4
-  EXPECT_EQ(b.Pixel(50, 19), kFace);
-
+  // The marker's outline (nothing left of it), inside, right and bottom edges; the rest
+  // of the line: top edge, inside, right end; the done part from x = 1; the line is 5
+  // high from y = 4.
+  ExpectPixels(b, {{92, 0, 0}, {91, 0, kFace}, {98, 6, 0xE0E0E0}, {104, 12, 0}, {110, 4, 0}, {110, 6, 0xD0D0D0},
+                   {197, 6, 0}, {1, 6, 0}, {0, 6, kFace}, {50, 6, 0xA0A0A0}, {50, 2, kFace}, {50, 9, kFace},
+                   {50, 19, kFace}});
   t->SetBorder(false);
   Render(*t, b);
-  EXPECT_EQ(b.Pixel(92, 0), 0xE0E0E0u);
-  EXPECT_EQ(b.Pixel(1, 4), 0xA0A0A0u);
-  EXPECT_EQ(b.Pixel(110, 4), 0xD0D0D0u);
+  ExpectPixels(b, {{92, 0, 0xE0E0E0}, {1, 4, 0xA0A0A0}, {110, 4, 0xD0D0D0}});
 
   t->SetMaxValue(0);
   Render(*t, b);
@@ -148,21 +129,11 @@ TEST(TimeLine, PaintExtendedWithSelection) {
   Render(*t, b);
   kltest::SaveScreenshot(b, "timeline_ex_selection");
   // s = 187 / 100 as a float: marker at 56, selection 43..118 (20 * s + 6, 40 * s wide).
-  EXPECT_EQ(b.Pixel(56, 0), 0x808080u);
-  EXPECT_EQ(b.Pixel(55, 0), kFace);
-  EXPECT_EQ(b.Pixel(60, 6), 0xE0E0E0u);  // marker over the selection
-  EXPECT_EQ(b.Pixel(30, 6), 0xC0C0C0u);  // done part
-  EXPECT_EQ(b.Pixel(43, 4), 0x808080u);  // selection outline
-  EXPECT_EQ(b.Pixel(80, 6), 0xFFC000u);
-  EXPECT_EQ(b.Pixel(117, 6), 0x808080u);
-  EXPECT_EQ(b.Pixel(150, 6), 0xE0E0E0u);  // rest of the line
-  // Triangles at y = MarkerWidth + 1 under both ends.
-  EXPECT_EQ(b.Pixel(42, 14), 0u);
-  EXPECT_EQ(b.Pixel(43, 17), 0u);
-  EXPECT_EQ(b.Pixel(37, 17), kFace);
-  EXPECT_EQ(b.Pixel(119, 14), 0u);
-  EXPECT_EQ(b.Pixel(118, 17), 0u);
-  EXPECT_EQ(b.Pixel(80, 14), kFace);
+  // The marker (over the selection), the done part, the selection's outline and inside,
+  // the rest of the line; triangles at y = MarkerWidth + 1 under both ends.
+  ExpectPixels(b, {{56, 0, 0x808080}, {55, 0, kFace}, {60, 6, 0xE0E0E0}, {30, 6, 0xC0C0C0}, {43, 4, 0x808080},
+                   {80, 6, 0xFFC000}, {117, 6, 0x808080}, {150, 6, 0xE0E0E0}, {42, 14, 0}, {43, 17, 0},
+                   {37, 17, kFace}, {119, 14, 0}, {118, 17, 0}, {80, 14, kFace}});
   t->SetBorder(false);  // ignored by the extended control
   TBitmap again;
   Render(*t, again);

@@ -9,28 +9,6 @@ using namespace kltest::conv;
 using kl::ComPtr;
 using kltest::TTempDir;
 
-namespace {
-
-uint32_t U32(const std::string& S, size_t At) {
-  uint32_t v = 0;
-  std::memcpy(&v, S.data() + At, 4);
-  return v;
-}
-
-// A WAV file as the writers make it: RIFF size, an 18-byte "fmt " chunk, then the data.
-void ExpectWavLayout(const std::string& File, const std::string& Data) {
-  ASSERT_GE(File.size(), 46u);
-  EXPECT_EQ(File.substr(0, 4), "RIFF");
-  EXPECT_EQ(U32(File, 4), File.size() - 8);
-  EXPECT_EQ(File.substr(8, 8), "WAVEfmt ");
-  EXPECT_EQ(U32(File, 16), 18u);
-  EXPECT_EQ(File.substr(38, 4), "data");
-  EXPECT_EQ(U32(File, 42), Data.size());
-  EXPECT_EQ(File.substr(46), Data);
-}
-
-}  // namespace
-
 TEST(AudioFile, CreateByExtension) {
   auto mp3 = CreateAudioFile("C:\\x\\Song.MP3");
   ASSERT_NE(dynamic_cast<TMp3AudioFile*>(mp3.Get()), nullptr);
@@ -58,7 +36,7 @@ TEST(AudioFile, WavWriterMakesAFileFfmpegReads) {
   EXPECT_TRUE(w->GetFinished());
 
   const std::string file = kltest::ReadFileBytes(name);
-  ExpectWavLayout(file, data);
+  ExpectWavLayout(file, &data);
   EXPECT_EQ(file.substr(20, 16), std::string(reinterpret_cast<const char*>(fmt.data()), 16));
   const std::string probe = kltest::Ffmpeg("-i " + kltest::Quote(name) + " -f null -").Err;
   EXPECT_NE(probe.find("pcm_s16le, 44100 Hz, stereo"), std::string::npos) << probe;
@@ -97,13 +75,14 @@ TEST(AudioFile, WriteAfterFinishStartsTheFileAgain) {
   ASSERT_TRUE(w->Finish());
   ASSERT_TRUE(w->Write("2222", 4));
   ASSERT_TRUE(w->Finish());
-  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), "2222");
+  const std::string second = "2222", third = "3333";
+  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), &second);
 
   // A new name ends the file in progress first.
   ASSERT_TRUE(w->Write("3333", 4));
   w->SetFileName(dir / "next.wav");
   EXPECT_TRUE(w->GetFinished());
-  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), "3333");
+  ExpectWavLayout(kltest::ReadFileBytes(dir / "again.wav"), &third);
 }
 
 // The MP3 writer stores what it gets as it is: into a file it replaces, or into a named

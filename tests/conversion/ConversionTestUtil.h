@@ -1,5 +1,5 @@
-// Helpers for the conversion tests: a sink that records what reaches it, recorded
-// message boxes, wave formats and MP3 test data made by ffmpeg.exe.
+// Helpers for the conversion tests: a sink that records what reaches it, wave formats,
+// the layout of written WAV files and MP3 test data made by ffmpeg.exe.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,12 +11,12 @@
 #include "../tempo/ToneHelpers.h"
 #include "KlTest.h"
 #include "conversion/UAudioConverter.h"
-#include "rtl/Dialogs.h"
 #include "rtl/SysUtils.h"
 
 namespace kltest::conv {
 
 using namespace kl::UAudioConverter;
+using kltest::TBoxRecorder;
 
 // Records every write, and what came after Finish.
 class TMemorySink : public kl::TInterfacedObject<IWritable> {
@@ -46,25 +46,6 @@ class TMemorySink : public kl::TInterfacedObject<IWritable> {
 };
 
 inline kl::ComPtr<TMemorySink> MakeSink() { return kl::ComPtr<TMemorySink>(new TMemorySink()); }
-
-// Records the message boxes (text, caption) shown during the life of the object.
-class TBoxRecorder {
- public:
-  using TBoxes = std::vector<std::pair<std::string, std::string>>;
-  TBoxRecorder() {
-    FOld = kl::SetMessageBoxFunction([this](HWND, const std::string& Text, const std::string& Caption, UINT) {
-      Boxes.emplace_back(Text, Caption);
-      return IDOK;
-    });
-  }
-  ~TBoxRecorder() { kl::SetMessageBoxFunction(FOld); }
-  TBoxRecorder(const TBoxRecorder&) = delete;
-  TBoxRecorder& operator=(const TBoxRecorder&) = delete;
-  TBoxes Boxes;
-
- private:
-  kl::TMessageBoxFunction FOld;
-};
 
 inline std::vector<uint8_t> Pcm(uint32_t Rate, uint16_t Channels, uint16_t Bits = 16) {
   std::vector<uint8_t> b(18);
@@ -116,6 +97,27 @@ inline std::vector<int16_t> AsSamples16(const std::string& S) {
   return v;
 }
 
+inline uint32_t U32(const std::string& S, size_t At) {
+  uint32_t v = 0;
+  std::memcpy(&v, S.data() + At, 4);
+  return v;
+}
+
+// A WAV file as the writers make it: RIFF size, an 18-byte "fmt " chunk, then the data
+// (any data when Data is null).
+inline void ExpectWavLayout(const std::string& File, const std::string* Data) {
+  ASSERT_GE(File.size(), 46u);
+  EXPECT_EQ(File.substr(0, 4), "RIFF");
+  EXPECT_EQ(U32(File, 4), File.size() - 8);
+  EXPECT_EQ(File.substr(8, 8), "WAVEfmt ");
+  EXPECT_EQ(U32(File, 16), 18u);
+  EXPECT_EQ(File.substr(38, 4), "data");
+  EXPECT_EQ(U32(File, 42), File.size() - 46);
+  if (Data != nullptr) {
+    EXPECT_EQ(File.substr(46), *Data);
+  }
+}
+
 // Raw MPEG audio frames (no tag, no info frame) of a two-tone stereo signal, made by
 // ffmpeg.exe; empty when ffmpeg failed.
 inline std::string MakeMp3Frames(const TTempDir& Dir, const std::string& Name, int Rate, int Seconds,
@@ -131,11 +133,8 @@ inline std::string MakeMp3Frames(const TTempDir& Dir, const std::string& Name, i
 }
 
 // ffmpeg.exe's own decoding of a file to s16le at the given shape.
-inline std::string FfmpegDecode(const TTempDir& Dir, const std::string& File, int Rate, int Channels) {
-  const std::string out = Dir / (kl::ExtractFileName(File) + ".raw");
-  const auto r = Ffmpeg("-i " + Quote(File) + kl::Format(" -f s16le -ac %d -ar %d ", Channels, Rate) + Quote(out));
-  if (r.ExitCode != 0) return std::string();
-  return ReadFileBytes(out);
+inline std::string FfmpegDecode(const TTempDir&, const std::string& File, int Rate, int Channels) {
+  return kltest::FfmpegDecode(File, kl::Format("-ac %d -ar %d", Channels, Rate));
 }
 
 }  // namespace kltest::conv

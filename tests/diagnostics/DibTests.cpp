@@ -8,6 +8,7 @@
 #include <numeric>
 #include <tuple>
 
+#include "KlTest.h"
 #include "diagnostics/UDib.h"
 #include "rtl/SysUtils.h"
 
@@ -111,12 +112,8 @@ TEST(DibSection, CreatesOnlyValidSections) {
   EXPECT_EQ(ds.dsBm.bmBits, bits);
   DeleteObject(b);
 
-  try {
-    CreateDIBSectionEx(100000, 100000, 32, bits);  // 40 GB: the system refuses
-    FAIL() << "no exception";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.Message(), "CreateDIBSectionEx: Result = 0");
-  }
+  // 40 GB: the system refuses.
+  kltest::ExpectRaises([&] { CreateDIBSectionEx(100000, 100000, 32, bits); }, "CreateDIBSectionEx: Result = 0");
 }
 
 TEST(DibSection, PalettisedBitCountsAndColourTables) {
@@ -208,12 +205,8 @@ TEST(DibCopyBits, ClipsAndZeroFills) {
   std::vector<uint32_t> dst(100, kFill);
   EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, nullptr, 8, 6, dst.data(), 10, 10, 32));
   EXPECT_FALSE(CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, -6, dst.data(), 10, 10, 32));
-  try {
-    CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 24);
-    FAIL() << "no exception";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.Message(), "not released for this BytesPerPixel");
-  }
+  kltest::ExpectRaises([&] { CopyBits(0, 0, 4, 4, 0, 0, src.data(), 8, 6, dst.data(), 10, 10, 24); },
+                       "not released for this BytesPerPixel");
   EXPECT_EQ(dst, std::vector<uint32_t>(100, kFill));
 }
 

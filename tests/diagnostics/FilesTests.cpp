@@ -192,12 +192,8 @@ TEST(FilesEnum, FileListAndEnumerator) {
   EXPECT_EQ(n, 17);
   g_Enumerator = nullptr;
 
-  try {
-    en->EnumEx(t.Root, CountFilesProc, 0, 0, 0, 0, n);
-    FAIL() << "EnumEx returned";
-  } catch (const klLog::EklException& e) {
-    EXPECT_EQ(e.Message(), "TFileEnumerator.EnumEx: not released yet");
-  }
+  kltest::ExpectRaises<klLog::EklException>([&] { en->EnumEx(t.Root, CountFilesProc, 0, 0, 0, 0, n); },
+                                            "TFileEnumerator.EnumEx: not released yet");
 }
 
 TEST(FilesNames, TempAndUniqueNamesAvoidExistingFiles) {

@@ -79,10 +79,12 @@ struct THeldFile {
 
 }  // namespace
 
-TEST(LogFile, NewFileStartsWithExeNameAndEmptyLine) {
-  TTempDir dir;
-  auto r = LogChild(dir.Path(), false, {"0:hello", "1:bad thing", "2:careful", "7:odd kind"});
+TEST(LogFile, NewFileStartsWithExeNameAndEmptyLineAndKeepsItsFolder) {
+  TTempDir dir, second;
+  // The folder is fixed by the first line: a later SetLogDir changes nothing.
+  auto r = LogChild(dir.Path(), false, {"0:hello", "dir:" + second.Path(), "1:bad thing", "2:careful", "7:odd kind"});
   ASSERT_EQ(r.ExitCode, 0u) << r.Err;
+  EXPECT_FALSE(kl::FileExists(second / "klTests_diagnostics.log"));
   const std::string text = kltest::ReadFileBytes(dir / "klTests_diagnostics.log");
   EXPECT_EQ(Masked(text),
             "klTests_diagnostics.exe\r\n\r\n"
@@ -134,15 +136,6 @@ TEST(LogFile, BusyNamesAreNumbered) {
   EXPECT_FALSE(kl::FileExists(dir / "klTests_diagnostics_101.log"));
 }
 
-TEST(LogFile, LogDirIsFixedByTheFirstLine) {
-  TTempDir first, second;
-  ASSERT_EQ(LogChild(first.Path(), false, {"0:one", "dir:" + second.Path(), "0:two"}).ExitCode, 0u);
-  const std::string text = kltest::ReadFileBytes(first / "klTests_diagnostics.log");
-  EXPECT_NE(text.find("one"), std::string::npos);
-  EXPECT_NE(text.find("two"), std::string::npos);
-  EXPECT_FALSE(kl::FileExists(second / "klTests_diagnostics.log"));
-}
-
 TEST(LogFile, LinesReachTheFileAtOnceAndReadBackWhole) {
   TTempDir dir;
   auto r = LogChild(dir.Path(), false, {"whole", "0:a line", "infile", "2:another", "infile", "whole", "0:after"});
@@ -182,7 +175,7 @@ TEST(LogFile, ConcurrentThreadsNeverInterleaveInsideALine) {
   EXPECT_EQ(found, threads * lines);
 }
 
-TEST(LastError, IsStoredAndLoggedAndExceptionsLogWhenMade) {
+TEST(LastError, IsStoredAndLoggedExceptionsLogAndSystemTexts) {
   SetMyLastError("device gone");
   EXPECT_EQ(GetMyLastError(), "device gone");
   EXPECT_NE(GetWholeLog().find("  E  ERROR: device gone\r\n"), std::string::npos);
@@ -192,14 +185,11 @@ TEST(LastError, IsStoredAndLoggedAndExceptionsLogWhenMade) {
     EXPECT_STREQ(e.what(), "TSomething.Do: FThing = nil");
   }
   EXPECT_NE(GetWholeLog().find("  E  TSomething.Do: FThing = nil\r\n"), std::string::npos);
-}
 
-TEST(LastError, SystemTextsAndOptions) {
   const std::string text = GetErrorStr(ERROR_FILE_NOT_FOUND);
   ASSERT_GE(text.size(), 3u);
   EXPECT_EQ(text.substr(text.size() - 2), "\r\n");  // as the system gives it, not trimmed
   EXPECT_EQ(GetErrorStr(0x2FFFFFFF), "");
-  // Only option 0 exists.
-  SetBoolOption(5, true);
+  SetBoolOption(5, true);  // only option 0 exists
   EXPECT_FALSE(GetBoolOption(5));
 }

@@ -1,5 +1,5 @@
 // Helpers of the ffmpeg tests: what the log gained, split into messages; how many
-// ffmpeg.exe processes run; waiting without hanging.
+// ffmpeg.exe processes run.
 #pragma once
 
 #include <windows.h>
@@ -10,18 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/klLog.h"
+#include "KlTest.h"
 
 namespace fftest {
 
-// What the log gained while Body ran.
-template <class F>
-std::string LogOf(F&& Body) {
-  const size_t mark = kl::klLog::GetWholeLog().size();
-  Body();
-  const std::string all = kl::klLog::GetWholeLog();
-  return mark < all.size() ? all.substr(mark) : std::string();
-}
+using kltest::LogOf;
+using kltest::WaitUntil;
 
 // The messages of log lines ("dd.mm.yyyy hh:nn:ss.zzz  K  message\r\n"); a message may
 // hold line breaks of its own. Text before the first line (the file's header) is skipped.
@@ -50,17 +44,6 @@ inline int FfmpegProcessCount() {
   }
   CloseHandle(snap);
   return n;
-}
-
-// Polls Cond every 20 ms for at most TimeoutMs.
-template <class F>
-bool WaitUntil(F&& Cond, DWORD TimeoutMs) {
-  const ULONGLONG start = GetTickCount64();
-  while (!Cond()) {
-    if (GetTickCount64() - start > TimeoutMs) return false;
-    Sleep(20);
-  }
-  return true;
 }
 
 }  // namespace fftest

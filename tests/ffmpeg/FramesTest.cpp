@@ -262,16 +262,9 @@ TEST(FramesEncoder, SettersAndRefusals) {
     EXPECT_EQ(ok, c.Ok) << c.Log;
     EXPECT_EQ(messages, *c.Log ? std::vector<std::string>{c.Log} : std::vector<std::string>{});
   }
-  EXPECT_THROW(
-      {
-        try {
-          e->EncodeFrame(reinterpret_cast<HBITMAP>(static_cast<intptr_t>(1)));
-        } catch (const kl::klLog::EklException& x) {
-          EXPECT_EQ(x.Message(), "TVideoFramesEncoder.EncodeFrame( AFrame: HBITMAP ) not released yet");
-          throw;
-        }
-      },
-      kl::klLog::EklException);
+  const auto bitmap = reinterpret_cast<HBITMAP>(static_cast<intptr_t>(1));
+  kltest::ExpectRaises<kl::klLog::EklException>([&] { e->EncodeFrame(bitmap); },
+                                                "TVideoFramesEncoder.EncodeFrame( AFrame: HBITMAP ) not released yet");
   EXPECT_THROW(TVideoFramesEncoder(""), kl::klLog::EklException);
 }
 

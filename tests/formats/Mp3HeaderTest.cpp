@@ -221,43 +221,40 @@ TEST(Mp3Header, FrameCounts) {
   EXPECT_EQ(s.GetPosition(), 0);
   EXPECT_EQ(U::Count(&s, 4, true), 0);  // Size below 5
   EXPECT_EQ(U::Count(static_cast<kl::TStream*>(nullptr), 41700, true), 0);
+
+  // Data that starts like a tag but is only a few bytes long: the search for the first
+  // header stays inside it, in memory and in the 4 bytes the stream form reads.
+  for (const std::string& data : {std::string("ID3\x04", 4), std::string("ID\xFF\xFB", 4), std::string("ID\xFF", 3)}) {
+    TGuardedBuffer d(data);
+    EXPECT_EQ(U::Count(d.Data(), d.Size(), true), 0);
+    EXPECT_EQ(Kl::Count(d.Data(), d.Size(), true), 0);
+    kl::TMemoryStream t;
+    EXPECT_EQ(U::Count(&Fill(t, data), 41700, true), 0);
+    EXPECT_EQ(t.GetPosition(), 0);
+  }
 }
 
-TEST(Mp3Helpers, SoundRatesAndTypes) {
+TEST(Mp3Helpers, SoundRatesTypesAndWaveFormat) {
   using namespace kl::UMp3;
   for (int herz : {11025, 22050, 44100}) EXPECT_EQ(SoundRateToHerz(HerzToSoundRate(herz)), herz);
   EXPECT_EQ(SoundRateToHerz(static_cast<TSoundRate>(4)), 0);
   mp3test::ExpectRaises([] { HerzToSoundRate(8000); }, "HerzToSoundRate: Invalid Herz");
   mp3test::ExpectRaises([] { GetSoundType(3); }, "GetSoundType: Invalid channel count");
-}
 
-TEST(Mp3Helpers, WaveFormats) {
-  // All 30 bytes: the record is packed.
-  const auto check = [](const kl::UMp3::TMP3WAVEFORMAT* f, DWORD Flags, WORD BlockSize, WORD Delay) {
-    const kl::UMp3::TMP3WAVEFORMAT want{{WAVE_FORMAT_MPEGLAYER3, 0, 0, 0, 1, 0, 12}, 1, Flags, BlockSize, 1, Delay};
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(std::memcmp(f, &want, sizeof want), 0) << f->fdwFlags << " " << f->nBlockSize << " " << f->nCodecDelay;
-  };
-  kl::UMp3::TMP3WAVEFORMAT f;
-  std::memset(&f, 0xAB, sizeof f);
-  kl::UMp3::InitMp3WaveFormat(&f);
-  check(&f, 2, 522, 1393);
-  kl::UMp3::InitMp3WaveFormat(nullptr);
-
-  // UklMP3 takes its values from variables that start as 2, 0, 1393 and can be changed.
-  std::memset(&f, 0xAB, sizeof f);
-  kl::UklMP3::InitMp3WaveFormat(&f);
-  check(&f, 2, 0, 1393);
-  kl::UklMP3::MP3_BLOCK_SIZE = 418;
-  kl::UklMP3::MP3_PADDING = 0;
-  kl::UklMP3::MP3_CODEC_DELAY = 529;
+  // All 30 bytes. UklMP3 takes the block size from a variable that starts at 0.
+  for (const auto init : {&kl::UMp3::InitMp3WaveFormat, &kl::UklMP3::InitMp3WaveFormat}) {
+    TMP3WAVEFORMAT f;
+    std::memset(&f, 0xAB, sizeof f);
+    init(&f);
+    const WORD block = init == &kl::UMp3::InitMp3WaveFormat ? 522 : 0;
+    const TMP3WAVEFORMAT want{{WAVE_FORMAT_MPEGLAYER3, 0, 0, 0, 1, 0, 12}, 1, 2, block, 1, 1393};
+    EXPECT_EQ(std::memcmp(&f, &want, sizeof want), 0) << f.fdwFlags << " " << f.nBlockSize << " " << f.nCodecDelay;
+    init(nullptr);
+  }
   auto* g = kl::UklMP3::GetNewMp3WaveFormat();
-  check(g, 0, 418, 529);
+  ASSERT_NE(g, nullptr);
+  EXPECT_EQ(g->nBlockSize, 0);
   std::free(g);
-  kl::UklMP3::MP3_BLOCK_SIZE = 0;
-  kl::UklMP3::MP3_PADDING = 2;
-  kl::UklMP3::MP3_CODEC_DELAY = 1393;
-  kl::UklMP3::InitMp3WaveFormat(nullptr);
 }
 
 }  // namespace

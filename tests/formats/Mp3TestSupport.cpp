@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <regex>
-#include <sstream>
 #include <stdexcept>
 
 #include "KlTest.h"
@@ -26,19 +24,6 @@ uint32_t Adler32(const void* Data, size_t Size) {
     b = (b + a) % 65521;
   }
   return b << 16 | a;
-}
-
-std::vector<TPacket> FfmpegPackets(const std::string& Path) {
-  std::istringstream in(kltest::Ffmpeg("-i " + kltest::Quote(Path) + " -c:a copy -f framecrc -").Out);
-  static const std::regex re(R"(^\s*0,\s*-?\d+,\s*-?\d+,\s*\d+,\s*(\d+),\s*0x([0-9a-fA-F]+))");
-  std::vector<TPacket> packets;
-  std::smatch m;
-  for (std::string line; std::getline(in, line);) {
-    if (std::regex_search(line, m, re)) {
-      packets.push_back({std::stoi(m[1].str()), static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16))});
-    }
-  }
-  return packets;
 }
 
 const TSample& Sample(const std::string& Name) {

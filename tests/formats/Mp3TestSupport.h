@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "KlTest.h"
+
 namespace mp3test {
 
-struct TPacket {
-  int32_t Size = 0;
-  uint32_t Adler = 0;  // adler32 seeded with 0, as ffmpeg's framecrc muxer prints it
-};
+using kltest::FfmpegPackets;
+using kltest::TPacket;
 
 struct TSample {
   std::string Path;   // inside WorkDir()
@@ -32,8 +32,6 @@ const TSample& Sample(const std::string& Name);
 // A folder that lives until the test executable exits.
 const std::string& WorkDir();
 
-// Packets of any MP3 file as ffmpeg's demuxer sees them.
-std::vector<TPacket> FfmpegPackets(const std::string& Path);
 uint32_t Adler32(const void* Data, size_t Size);
 
 // Bytes copied into fresh pages so that the first byte after them (AtEnd) or the byte

@@ -3,6 +3,7 @@
 
 #include "formats/UMp3.h"
 #include "formats/UklMP3.h"
+#include "KlTest.h"
 #include "rtl/SysUtils.h"
 
 #include <gtest/gtest.h>
@@ -54,15 +55,6 @@ struct TFramesBlock {
   ~TFramesBlock() { std::free(P); }
 };
 
-// Call must raise kl::Exception with exactly Message.
-template <class F>
-void ExpectRaises(F&& Call, const std::string& Message) {
-  try {
-    Call();
-    ADD_FAILURE() << "nothing raised, expected: " << Message;
-  } catch (const kl::Exception& e) {
-    EXPECT_EQ(std::string(e.what()), Message);
-  }
-}
+using kltest::ExpectRaises;
 
 }  // namespace mp3test

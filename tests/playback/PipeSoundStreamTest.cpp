@@ -17,15 +17,11 @@ using kl::UPipe::INamedPipe2;
 using kl::UPipe::TNamedPipe;
 using kl::USoundStreams::TWavPipeSoundStream;
 using namespace kl::klMediaPlayer;
+using kltest::UniqueName;
 
 namespace {
 
 WAVEFORMATEX Pcm16Stereo() { return {WAVE_FORMAT_PCM, 2, 44100, 176400, 4, 16, 0}; }
-
-std::string UniqueName(const std::string& Base) {
-  static int n = 0;
-  return Base + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++n);
-}
 
 const char* const kSine = "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=2 -f s16le -ar 44100 -ac 2 ";
 
@@ -92,27 +88,6 @@ TEST(PipeSoundStream, FfmpegOutputArrivesWholeAndThenTheStreamEnds) {
   EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size();
   EXPECT_EQ(stream->GetWavData(b, sizeof b), 0);
   EXPECT_EQ(stream->GetPosition(), 700);  // reading does not move it
-}
-
-TEST(PipeSoundStream, PlayerPlaysFfmpegOutputToTheEndAndFinishesOnce) {
-  ComPtr<INamedPipe2> pipe(new TNamedPipe(UniqueName("klpssPlay"), 1));
-  ComPtr<ISoundStream> stream(new TWavPipeSoundStream(Pcm16Stereo(), pipe.Get()));
-  kltest::TRunResult r;
-  std::thread writer([&] { r = kltest::Ffmpeg(kSine + pipe->GetName(), 60000); });
-  {
-    TklMediaPlayer p;
-    std::atomic<int> finishes{0};
-    p.SetOnFinish([&finishes](void*) { ++finishes; });
-    p.SetSource(stream.Get());
-    EXPECT_TRUE(p.Play());
-    EXPECT_TRUE(WaitUntil([&] { return p.GetMode() == pmFinished; }, 30000));
-    Sleep(300);  // a second finish would come with the next returned block
-    EXPECT_EQ(finishes.load(), 1);
-    EXPECT_EQ(p.GetMode(), pmFinished);
-    p.SetOnFinish(nullptr);
-  }
-  writer.join();
-  EXPECT_EQ(r.ExitCode, 0u) << r.Err;
 }
 
 TEST(PipeSoundStream, AWriterKilledMidStreamEndsTheStream) {

@@ -1,12 +1,16 @@
 // Test material for the players: recognisable PCM, WAV files of it, a source wrapper
-// that reports its end, and a reader of what the audio server played.
+// that reports its end, a reader of what the audio server played, and MP3 made by
+// ffmpeg with a way to line a decoding up with ffmpeg's.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <windows.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -14,6 +18,10 @@
 
 #include "Components.h"
 #include "KlTest.h"
+
+// Skips a test that needs the audio server's recording when there is none.
+#define REQUIRE_CAPTURE() \
+  if (!kltest::TCapture::Available()) GTEST_SKIP() << "no audio capture"
 
 namespace kltest::playback {
 
@@ -206,15 +214,74 @@ class TSentRecorder {
   std::string FBytes;
 };
 
-// Waits until Done() or TimeoutMs passes; true when Done.
-template <class F>
-bool WaitUntil(F Done, DWORD TimeoutMs) {
-  const DWORD start = GetTickCount();
-  while (!Done()) {
-    if (GetTickCount() - start > TimeoutMs) return false;
-    Sleep(10);
+using kltest::WaitUntil;
+
+// Plays Source (a finishing one) to its end and returns what was recorded meanwhile.
+struct TRun {
+  std::vector<TFrame> Captured;
+  int Finishes = 0;
+  kl::klMediaPlayer::TPlayerMode Mode = kl::klMediaPlayer::pmNotReady;
+};
+inline TRun PlayToEnd(kl::klMediaPlayer::TklMediaPlayer& P, ISoundStream* Source, DWORD TimeoutMs) {
+  TRun r;
+  std::atomic<int> finishes{0};
+  P.SetOnFinish([&finishes](void*) { ++finishes; });
+  P.SetSource(Source);
+  const int64_t mark = TCapture::Mark();
+  EXPECT_TRUE(P.Play());
+  EXPECT_TRUE(WaitUntil([&] { return P.GetMode() == kl::klMediaPlayer::pmFinished; }, TimeoutMs));
+  Sleep(100);  // a second finish would come with the next returned block
+  r.Finishes = finishes;
+  r.Mode = P.GetMode();
+  r.Captured = Frames(TCapture::Since(mark));
+  P.SetOnFinish(nullptr);
+  return r;
+}
+
+// Rising tones on both channels, Seconds long, as 128 kbit/s MP3 made by ffmpeg: no
+// stretch of them repeats, so a decoding lines up with another at exactly one offset.
+inline std::string EncodeChirp(const TTempDir& Dir, const std::string& Name, double Seconds,
+                               const std::string& Extra = "") {
+  const auto r = Ffmpeg(kl::Format("-f lavfi -i \"aevalsrc=0.4*sin(2*PI*(200+300*t)*t)|0.4*sin(2*PI*(500+120*t)*t):"
+                                   "s=44100:d=%g\" -c:a libmp3lame -b:a 128k ", Seconds) + Extra + Quote(Dir / Name));
+  EXPECT_EQ(0u, r.ExitCode) << r.Err;
+  return Dir / Name;
+}
+
+inline std::vector<int16_t> Samples(const std::string& Raw) {
+  std::vector<int16_t> r(Raw.size() / 2);
+  if (!r.empty()) std::memcpy(r.data(), Raw.data(), r.size() * 2);
+  return r;
+}
+
+// The lag in [MinLag, MaxLag] (Theirs index minus Ours index, in frames of Ch samples)
+// at which Ours[From, From + Count) matches Theirs best, and the largest difference there.
+struct TMatch {
+  int64_t Lag = 0;
+  int MaxDiff = 1 << 20;
+};
+inline TMatch Align(const std::vector<int16_t>& Ours, int64_t From, int64_t Count, const std::vector<int16_t>& Theirs,
+                    int Ch, int64_t MinLag, int64_t MaxLag) {
+  TMatch best;
+  int64_t bestSum = INT64_MAX;
+  for (int64_t lag = MinLag; lag <= MaxLag; ++lag) {
+    if (From + lag < 0 || (From + lag + Count) * Ch > static_cast<int64_t>(Theirs.size()) ||
+        (From + Count) * Ch > static_cast<int64_t>(Ours.size())) {
+      continue;
+    }
+    int64_t sum = 0;
+    int maxDiff = 0;
+    for (int64_t i = From * Ch; i < (From + Count) * Ch && sum < bestSum; ++i) {
+      const int d = std::abs(Ours[static_cast<size_t>(i)] - Theirs[static_cast<size_t>(i + lag * Ch)]);
+      sum += d;
+      maxDiff = std::max(maxDiff, d);
+    }
+    if (sum < bestSum) {
+      bestSum = sum;
+      best = {lag, maxDiff};
+    }
   }
-  return true;
+  return best;
 }
 
 }  // namespace kltest::playback

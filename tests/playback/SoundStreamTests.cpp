@@ -16,6 +16,12 @@ TEST(WavFileSoundStream, DeliversTheDataInOrderAndKeepsTheSeekTargetAsPosition) 
 
   EXPECT_EQ(1500, s->GetLength());
   EXPECT_TRUE(IsCdFormat(s->GetWaveFormat()));
+  // A sound stream answers for its ancestor, and for IFinishable only when it has it.
+  ComPtr<kl::klMediaPlayer::IMediaStream> media;
+  EXPECT_TRUE(SUCCEEDED(s.As(&media)));
+  ComPtr<IFinishable> fin;
+  EXPECT_FALSE(SUCCEEDED(s.As(&fin)));
+  EXPECT_TRUE(SUCCEEDED(WavSource(dir / "a.wav", true).As(&fin)));
 
   // Odd sizes and the end: every byte once, then 0.
   std::string got;
@@ -66,27 +72,10 @@ TEST(WavFileSoundStream, MissingAndDamagedFilesAreLoggedAndAbort) {
   kltest::TTempDir dir;
   const std::string missing = dir / "none.wav";
   EXPECT_THROW(TWavFileSoundStream s(missing), kl::EAbort);
-  EXPECT_NE(std::string::npos,
-            kl::klLog::GetWholeLog().find("TWavFileSoundStream.Create: file not found: \r\n" + missing));
+  EXPECT_TRUE(kltest::LogHas("TWavFileSoundStream.Create: file not found: \r\n" + missing));
 
   const std::string bad = dir / "bad.wav";
   kltest::WriteFileBytes(bad, std::string("RIFF\x10\x00\x00\x00WAVEjunkjunkjunk", 20));
   EXPECT_THROW(TWavFileSoundStream s(bad), kl::EAbort);
-  EXPECT_NE(std::string::npos,
-            kl::klLog::GetWholeLog().find("TWavFileSoundStream.Create: cannot open file: \r\n" + bad));
-}
-
-TEST(StreamInterfaces, Identities) {
-  using namespace kl::klMediaPlayer;
-  // A sound stream answers for its ancestor, and for IFinishable only when it has it.
-  kltest::TTempDir dir;
-  ComPtr<ISoundStream> s = WavSource(WriteWav(dir, "a.wav", Pattern(100)), false);
-  ComPtr<IMediaStream> media;
-  EXPECT_TRUE(SUCCEEDED(s.As(&media)));
-  ComPtr<IFinishable> fin;
-  EXPECT_FALSE(SUCCEEDED(s.As(&fin)));
-  ComPtr<ISoundStream> f = WavSource(dir / "a.wav", true);
-  EXPECT_TRUE(SUCCEEDED(f.As(&fin)));
-
-  EXPECT_EQ("Unknown", PlayerModeToStr(static_cast<TPlayerMode>(5)));
+  EXPECT_TRUE(kltest::LogHas("TWavFileSoundStream.Create: cannot open file: \r\n" + bad));
 }
