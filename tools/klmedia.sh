@@ -1,18 +1,4 @@
 #!/usr/bin/env bash
 # Runs klMedia through Wine: tools/klmedia.sh info FILE | play FILE [--speed S] ... |
-# extract VIDEO SOUND [OPTIONS...] |
-# mux VIDEO SOUND OUTPUT [OPTIONS...]. Absolute Linux paths become Windows paths; relative
-# ones work as they are (Wine starts in the current directory).
-# Uses $KL_BUILD (default: build/ of this checkout); build first with scripts/test.sh.
-set -euo pipefail
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
-EXE="${KL_BUILD:-$ROOT/build}/x86_64/bin/klMedia.exe"
-[ -f "$EXE" ] || { echo "no $EXE: build first (bash scripts/test.sh)" >&2; exit 1; }
-args=()
-for a in "$@"; do
-  case "$a" in
-    /*) args+=("$(winepath -w "$a")") ;;
-    *) args+=("$a") ;;
-  esac
-done
-WINEDEBUG=${WINEDEBUG:--all} exec wine "$EXE" "${args[@]}"
+# extract VIDEO SOUND [OPTIONS...] | mux VIDEO SOUND OUTPUT [OPTIONS...] | frames ... | encode ...
+exec "$(dirname "$0")/klwine.sh" klMedia.exe "$@"

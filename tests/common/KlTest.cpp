@@ -1,5 +1,7 @@
 #include "KlTest.h"
 
+#include <tlhelp32.h>
+
 #include <shellapi.h>
 
 #include <cstring>
@@ -303,6 +305,19 @@ std::string TCapture::Since(int64_t Mark, DWORD WaitMs) {
   }
   CloseHandle(h);
   return r.substr(0, r.size() - r.size() % 4);
+}
+
+int ThreadCount() {
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (snap == INVALID_HANDLE_VALUE) return -1;
+  THREADENTRY32 e{};
+  e.dwSize = sizeof e;
+  int n = 0;
+  for (BOOL ok = Thread32First(snap, &e); ok; ok = Thread32Next(snap, &e)) {
+    if (e.th32OwnerProcessID == GetCurrentProcessId()) ++n;
+  }
+  CloseHandle(snap);
+  return n;
 }
 
 }  // namespace kltest

@@ -102,6 +102,8 @@ std::string Quote(const std::string& S);
 std::string ChildCommandLine(const std::string& Role, const std::vector<std::string>& Args);
 // Base, this process's id and a counter: a pipe or event name nothing else uses.
 std::string UniqueName(const std::string& Base);
+// Threads of this process now (a leak check's count).
+int ThreadCount();
 
 // What the log gained while Body ran.
 template <class F>

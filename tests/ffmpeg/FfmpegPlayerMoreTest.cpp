@@ -3,8 +3,6 @@
 
 #include <windows.h>
 
-#include <tlhelp32.h>
-
 #include <string>
 #include <vector>
 
@@ -12,23 +10,6 @@
 
 using namespace kl::klMediaPlayer;
 using namespace playertest;
-
-namespace {
-
-DWORD ThreadCount() {
-  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-  if (snap == INVALID_HANDLE_VALUE) return 0;
-  THREADENTRY32 e{};
-  e.dwSize = sizeof e;
-  DWORD n = 0;
-  for (BOOL ok = Thread32First(snap, &e); ok; ok = Thread32Next(snap, &e)) {
-    if (e.th32OwnerProcessID == GetCurrentProcessId()) ++n;
-  }
-  CloseHandle(snap);
-  return n;
-}
-
-}  // namespace
 
 // The tempo corrector only shortens sound, so at 0.5 the sound keeps its rate while the
 // pictures come at half theirs: when the film's last sample has been heard, about half
@@ -64,7 +45,8 @@ TEST(FFmpegPlayerMore, HalfSpeedSlowsThePicturesAndKeepsTheSound) {
 TEST(FFmpegPlayerMore, CyclesWithAnEarlySeekStartAtTheSeekAndLeaveNothingBehind) {
   const std::string film = Film("av.mkv");
   const int ffmpegBefore = fftest::FfmpegProcessCount();
-  DWORD handles = 0, threads = 0, handlesAfter = 0, threadsAfter = 0;
+  DWORD handles = 0, handlesAfter = 0;
+  int threads = 0, threadsAfter = 0;
   int cycles = 0;
   const ULONGLONG start = GetTickCount64();
   {
@@ -88,10 +70,10 @@ TEST(FFmpegPlayerMore, CyclesWithAnEarlySeekStartAtTheSeekAndLeaveNothingBehind)
       }
       // The first cycle loads what Wine keeps for the rest of the process.
       (cycles == 0 ? handles : handlesAfter) = chtest::HandleCount();
-      (cycles == 0 ? threads : threadsAfter) = ThreadCount();
+      (cycles == 0 ? threads : threadsAfter) = kltest::ThreadCount();
     }
   }
-  std::printf("%d open/seek/play/close cycles, handles %lu -> %lu, threads %lu -> %lu\n", cycles, handles, handlesAfter,
+  std::printf("%d open/seek/play/close cycles, handles %lu -> %lu, threads %d -> %d\n", cycles, handles, handlesAfter,
               threads, threadsAfter);
   // Open reads the film's information through a child process, whose thread handle is
   // kept by design: one handle an Open.

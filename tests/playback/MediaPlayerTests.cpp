@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <windows.h>
-#include <tlhelp32.h>
-
 #include <atomic>
 #include <cmath>
 #include <memory>
@@ -19,22 +17,7 @@ using namespace kltest::playback;
 using namespace kl::klMediaPlayer;
 
 namespace {
-
 constexpr int RATE = 44100;
-
-int ThreadCount() {
-  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-  if (snap == INVALID_HANDLE_VALUE) return -1;
-  THREADENTRY32 e{};
-  e.dwSize = sizeof e;
-  int n = 0;
-  for (BOOL ok = Thread32First(snap, &e); ok; ok = Thread32Next(snap, &e)) {
-    if (e.th32OwnerProcessID == GetCurrentProcessId()) ++n;
-  }
-  CloseHandle(snap);
-  return n;
-}
-
 }  // namespace
 
 // Every frame of the file, once and in order, scaled by the volume; 8-bit samples are
@@ -265,7 +248,7 @@ TEST(MediaPlayer, CloseDestroyAndSourceChangeDuringPlaybackEndCleanly) {
   REQUIRE_CAPTURE();
   kltest::TTempDir dir;
   const std::string a = WriteWav(dir, "a.wav", Pattern(RATE * 5));
-  const int threadsBefore = ThreadCount();
+  const int threadsBefore = kltest::ThreadCount();
   for (int round = 0; round < 2; ++round) {
     auto p = std::make_unique<TklMediaPlayer>();
     p->SetSource(WavSource(a, true).Get());
@@ -287,7 +270,7 @@ TEST(MediaPlayer, CloseDestroyAndSourceChangeDuringPlaybackEndCleanly) {
   }
   EXPECT_EQ(nullptr, FindWindowA("WaveOutWindow", nullptr));
   // The audio driver may keep a thread of its own; the players' threads are gone.
-  EXPECT_LE(ThreadCount(), threadsBefore + 2);
+  EXPECT_LE(kltest::ThreadCount(), threadsBefore + 2);
 }
 
 TEST(MediaPlayer, EveryQuickStartOfAShortFilePlays) {
